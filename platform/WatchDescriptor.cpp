@@ -5,18 +5,12 @@
 #include <utility>
 
 #include "platform/Positions.h"
+#include "platform/WatchEvent.h"
 #include "values/DirectTrace.h"
 
 namespace QelKrell {
 
-namespace {
-
 using position::stepLevel;
-
-// The watched object itself was deleted or moved (inotify's own bits).
-constexpr Qel::U32 goneMask = 0x400 | 0x800;
-
-} // namespace
 
 WatchDescriptor::WatchDescriptor( Krell::Platform::InotifyHandler* handler,
                                   const Qel::Ptr< Dov::WatchDescriptor >& watch )
@@ -53,7 +47,7 @@ void WatchDescriptor::delWatch() {
 }
 
 std::string WatchDescriptor::getWatch() const {
-    return Qel::String( watch_->path() ).stdString();
+    return watch_->path().stdString();
 }
 
 WatchDescriptor::Notifiee::~Notifiee() {
@@ -83,16 +77,10 @@ void WatchDescriptor::Notifiee::onWatchCount() {
     if ( std::exchange( owner_->lastWatchCount_, count ) == count ) {
         return;
     }
-    // The handler may destroy the adapter and with it the watch: what it is given is copied first.
-    Krell::Platform::InotifyHandler* const handler = owner_->handler_;
-    const std::string entry = Qel::String( owner_->watch_->eventName() ).stdString();
-    if ( owner_->watch_->eventDescriptor() < 0 ) {
-        handler->watchError( "watch descriptor error" );
-    } else if ( !entry.empty() ) {
-        handler->watchEvent( entry );
-    } else if ( owner_->watch_->eventMask() & goneMask ) {
-        handler->watchGone();
-    }
+    const Dov::WatchDescriptor& watch = *owner_->watch_;
+    const WatchEvent event { watch.eventDescriptor(), watch.eventMask(), watch.eventCookie(),
+                             watch.eventName().stdString() };
+    forward( event, *owner_->handler_ );
 }
 
 } // namespace QelKrell

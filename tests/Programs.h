@@ -23,9 +23,7 @@ inline std::string programDirectory() {
 }
 
 // Path of this build's helper program of that name.
-inline std::string program( const std::string& name ) {
-    return programDirectory() + "/" + name;
-}
+inline std::string program( const std::string& name ) { return programDirectory() + "/" + name; }
 
 // Path of the 32-bit build's helper program, or empty when there is none: a mixed-width test then
 // skips and prints noProgram32.

@@ -41,13 +41,13 @@ WriterUnlockSm::WriterUnlockSm( Platform::DebugHandler& debug,
                                 const RootPath& root )
     : debug_( debug ), instance_( instance ), directory_( root.directory() ) {}
 
-WriterUnlockSm::~WriterUnlockSm() {
-    doDisconnect();
-}
+WriterUnlockSm::~WriterUnlockSm() = default;
 
 void WriterUnlockSm::doConnect() {
     if ( connected_ ) {
-        look();
+        if ( sawRelease() ) {
+            handleUnlocked();
+        }
         return;
     }
     makeControls();
@@ -71,12 +71,12 @@ void WriterUnlockSm::timeout() {
 }
 
 void WriterUnlockSm::fdEvent( int ) {
-    // The process is dead, which is told again and again while its descriptor is waited on.
-    if ( connected_ ) {
+    // The process is dead, and its descriptor would say so in every turn.
+    if ( process_.isOpen() ) {
         fdControl_->delFd();
         process_ = Fd();
-        lookAgain();
     }
+    lookAgain();
 }
 
 void WriterUnlockSm::makeControls() {
@@ -107,27 +107,28 @@ void WriterUnlockSm::lookAgain() {
         return;
     }
     timer_->setTimeout( lookSeconds );
+    bool released = false;
     try {
-        look();
+        released = sawRelease();
     } catch ( const Exception& e ) {
         traceFailure( e.msg().c_str() );
     }
+    if ( released ) {
+        handleUnlocked();
+    }
 }
 
-// Compares the holder with the one that was known. Calls out last: nothing of this object may be
-// touched behind handleUnlocked.
-void WriterUnlockSm::look() {
+// Takes the present holder for the one that is known; whether the former one let go.
+bool WriterUnlockSm::sawRelease() {
     const Holder now = holderNow();
     lastFailure_.clear();
     if ( now.sameAs( holder_ ) ) {
-        return;
+        return false;
     }
     const bool released = holder_.pid != 0;
     unwatch();
     watch( now );
-    if ( released ) {
-        handleUnlocked();
-    }
+    return released;
 }
 
 void WriterUnlockSm::watch( const Holder& holder ) {

@@ -179,6 +179,33 @@ double readNonFinite( It& it, const It& end ) {
     throw RangeException( "expected 'inf', '-inf' or 'nan' but found '" + name + "'" );
 }
 
+template < class T >
+T readReal( It& it, const It& end, const char* type ) {
+    skipWhiteSpace( it, end );
+    if ( it != end && *it == 'f' ) {
+        return T( readNonFinite( it, end ) );
+    }
+    const char* first = it.position();
+    const char* digits = it != end && *it == '-' ? first + 1 : first;
+    T value = 0;
+    if ( digits == end.position() ) {
+        it = end;
+        fail( "a number", it, end );
+    }
+    if ( !isDigit( *digits ) && *digits != '.' ) {
+        fail( "a number", it, end );
+    }
+    const auto [ stop, error ] = std::from_chars( first, end.position(), value );
+    if ( error == std::errc::result_out_of_range ) {
+        throw RangeException( String( first, std::size_t( stop - first ) ) + " is out of range for " + type );
+    }
+    if ( error != std::errc() ) {
+        fail( "a number", it, end );
+    }
+    it = It( stop );
+    return value;
+}
+
 } // namespace
 
 EndOfTextException::EndOfTextException( const String& msg ) : RangeException( msg ) {}
@@ -313,33 +340,10 @@ S8 sequenceToValue( It& it, const It& end, S8* ) {
 }
 
 double sequenceToValue( It& it, const It& end, double* ) {
-    skipWhiteSpace( it, end );
-    if ( it != end && *it == 'f' ) {
-        return readNonFinite( it, end );
-    }
-    const char* first = it.position();
-    const char* digits = it != end && *it == '-' ? first + 1 : first;
-    double value = 0;
-    if ( digits == end.position() ) {
-        it = end;
-        fail( "a number", it, end );
-    }
-    if ( !isDigit( *digits ) && *digits != '.' ) {
-        fail( "a number", it, end );
-    }
-    const auto [ stop, error ] = std::from_chars( first, end.position(), value );
-    if ( error == std::errc::result_out_of_range ) {
-        throw RangeException( String( first, std::size_t( stop - first ) ) + " is out of range for double" );
-    }
-    if ( error != std::errc() ) {
-        fail( "a number", it, end );
-    }
-    it = It( stop );
-    return value;
+    return readReal< double >( it, end, "double" );
 }
-
 float sequenceToValue( It& it, const It& end, float* ) {
-    return float( sequenceToValue( it, end, static_cast< double* >( nullptr ) ) );
+    return readReal< float >( it, end, "float" );
 }
 
 String sequenceToValue( It& it, const It& end, String* ) {

@@ -27,6 +27,9 @@ Entity::Ptr entityAt( const String& fullName, const String& typeName ) {
     if ( fullName == "/" ) {
         return dir;
     }
+    if ( fullName.empty() || fullName[ 0 ] != '/' ) {
+        return nullptr; // the name of an entity without a parent
+    }
     std::size_t start = 1;
     for ( std::size_t slash = fullName.find( '/', start ); dir && slash != String::npos;
           start = slash + 1, slash = fullName.find( '/', start ) ) {
@@ -97,7 +100,7 @@ Entity::Ptr sequenceToEntity( StringIteratorConst& it, const StringIteratorConst
     needString( it, end, " , " );
     const String fullName = sequenceToValue( it, end, static_cast< String* >( nullptr ) );
     needString( it, end, " )" );
-    const Entity::Ptr entity = fullName.empty() ? nullptr : entityAt( fullName, typeName );
+    const Entity::Ptr entity = entityAt( fullName, typeName );
     if ( !entity ) {
         throw RangeException( "there is no " + typeName + " at '" + fullName + "'" );
     }
