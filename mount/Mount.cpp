@@ -16,6 +16,8 @@ constexpr auto describe( const Mount* ) {
         Qel::attribute( "initialized", &Mount::initialized_, Qel::readOnly ),
         Qel::operation( "handleInitialized", &Mount::handleInitialized ),
         Qel::operation( "doMount", &Mount::doMount, { "entityPath", "entityType", "mountInfo" } ),
+        Qel::operation( "doUnmount", &Mount::doUnmount, { "entityPath" } ),
+        Qel::operation( "doUnmountAll", &Mount::doUnmountAll ),
         Qel::operation( "getEntity", &Mount::getEntity, { "entityPath" } ),
         Qel::operation( "getQelEntity", &Mount::getQelEntity, { "entityPath" } ) );
 }

@@ -72,7 +72,7 @@ void WriterUnlockSm::timeout() {
 
 void WriterUnlockSm::fdEvent( int ) {
     // The process is dead, and its descriptor would say so in every turn.
-    if ( process_.isOpen() ) {
+    if ( process_ ) {
         fdControl_->delFd();
         process_ = Fd();
     }
@@ -95,7 +95,7 @@ WriterUnlockSm::Holder WriterUnlockSm::holderNow() const {
     if ( directory.isOpen() ) {
         holder.pid = WriterLock::holderOf( directory );
     }
-    if ( holder.pid != 0 ) {
+    if ( holder.pid > 0 ) {
         holder.startTime = Util::processStartTime( holder.pid );
     }
     return holder;
@@ -137,7 +137,7 @@ void WriterUnlockSm::watch( const Holder& holder ) {
         return;
     }
     process_ = openProcess( holder_.pid );
-    if ( process_.isOpen() ) {
+    if ( process_ ) {
         try {
             fdControl_->setFd( process_.get() );
         } catch ( const std::exception& e ) {
@@ -149,7 +149,7 @@ void WriterUnlockSm::watch( const Holder& holder ) {
 
 void WriterUnlockSm::unwatch() {
     holder_ = Holder();
-    if ( process_.isOpen() ) {
+    if ( process_ ) {
         fdControl_->delFd();
         process_ = Fd();
     }

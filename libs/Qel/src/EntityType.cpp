@@ -140,12 +140,13 @@ Entity::Ptr Entity::newEntity( const String& typeName, const Name& name, const Q
     return entity;
 }
 
-Entity::Ptr Entity::singleton( const Qel::Ptr< QelType >& type ) {
-    const auto found = singletons().find( type.get() );
+Entity::Ptr Entity::singleton( TypeFunction type ) {
+    const auto found = singletons().find( type().get() );
     return found == singletons().end() ? nullptr : found->second;
 }
 
-Entity::Ptr Entity::singletonIs( const Qel::Ptr< QelType >& type, const Name& name ) {
+Entity::Ptr Entity::singletonIs( TypeFunction typeFunction, const Name& name ) {
+    const Qel::Ptr< QelType > type = typeFunction();
     Ptr& entity = singletons()[ type.get() ];
     if ( !entity ) {
         entity = newEntity( type->fullName(), name.empty() ? Name( type->shortName() ) : name );
@@ -153,8 +154,8 @@ Entity::Ptr Entity::singletonIs( const Qel::Ptr< QelType >& type, const Name& na
     return entity;
 }
 
-void Entity::singletonDel( const Qel::Ptr< QelType >& type ) {
-    singletons().erase( type.get() );
+void Entity::singletonDel( TypeFunction type ) {
+    singletons().erase( type().get() );
 }
 
 std::ostream& operator<<( std::ostream& os, const Entity::Ptr& entity ) {

@@ -1,0 +1,71 @@
+// Mounting and unmounting many entities, each with one shared collection.
+
+#include <benchmark/benchmark.h>
+
+#include <Norvo/EntityManager>
+#include <QelKrell/Collection>
+#include <QelKrell/KrellMount>
+
+#include "bench/ScratchRoot.h"
+
+namespace Bench {
+
+struct Flag {
+    Qel::U32 id = 0;
+    Qel::U32 value = 0;
+};
+constexpr auto describe( const Flag* ) {
+    return Qel::valueType< Flag >( "Bench::Flag", Qel::attribute( "id", &Flag::id ),
+                                   Qel::attribute( "value", &Flag::value ) );
+}
+
+class Board : public Qel::Entity {
+public:
+    using Qel::Entity::Entity;
+    QelKrell::Collection< &Flag::id > flag;
+};
+constexpr auto describe( const Board* ) {
+    return Qel::entityType< Board >( "Bench::Board", QelKrell::collection( "flag", &Board::flag ) );
+}
+
+const Qel::Unit< Flag, Board > unit( "bench board" );
+
+Qel::String8 pathOf( Qel::S64 i ) {
+    return "row" + Qel::decimal( Qel::U64( i / 100 ) ) + "/board" + Qel::decimal( Qel::U64( i % 100 ) );
+}
+
+const QelKrell::Mount& mounts( bool local ) {
+    const auto made = []( const char* name, bool isLocal ) {
+        QelKrell::Mount mount( Norvo::entityManagerFactory( name, isLocal ) );
+        mount.handleInitialized();
+        return mount;
+    };
+    static const QelKrell::Mount localMount = made( "bench-local", true );
+    static const QelKrell::Mount sharedMount = made( "bench-shared", false );
+    return local ? localMount : sharedMount;
+}
+
+// Arguments: how many entities; whether the entity manager is local.
+void mountAndUnmount( benchmark::State& state ) {
+    const ScratchRoot root;
+    const QelKrell::Mount& mount = mounts( state.range( 1 ) != 0 );
+    QelKrell::MountInfo info( QelKrell::writer );
+    info.collectionInfoIs( { "flag", 8 } );
+    for ( auto _ : state ) {
+        for ( Qel::S64 i = 0; i < state.range( 0 ); ++i ) {
+            mount.doMount( pathOf( i ), "Bench::Board", info );
+        }
+        mount.doUnmountAll();
+    }
+    state.SetItemsProcessed( state.range( 0 ) * state.iterations() );
+}
+BENCHMARK( mountAndUnmount )
+    ->Args( { 100, 0 } )
+    ->Args( { 10000, 0 } )
+    ->Args( { 10000, 1 } )
+    ->Unit( benchmark::kMillisecond )
+    ->Iterations( 1 );
+
+} // namespace Bench
+
+BENCHMARK_MAIN();

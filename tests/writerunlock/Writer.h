@@ -1,0 +1,48 @@
+// Writers in processes of their own.
+
+#pragma once
+
+#include <string>
+
+#include <sys/types.h>
+
+namespace QelKrellTest {
+
+// A child process that locks a collection's directory, making it when it is missing, and does as it
+// is told. Every call returns when the child has done it. Killed and reaped by the destructor.
+class Writer {
+public:
+    enum Start { atOnce, whenFree };
+
+    // `whenFree`: the child waits for a lock that is held; started() waits for the child.
+    explicit Writer( const std::string& directory, Start start = atOnce );
+    ~Writer();
+    Writer( const Writer& ) = delete;
+    Writer& operator=( const Writer& ) = delete;
+
+    pid_t pid() const noexcept { return pid_; }
+    // Waits until it holds the lock.
+    void started();
+
+    void release();    // the lock; the process lives on
+    void lockAgain();  // after release()
+    void becomeOther(); // execs a program that knows nothing of locks
+    // Forks a process that shares its descriptors and stays until the writer object goes.
+    void forkChild();
+    void exit();
+    void kill(); // SIGKILL
+
+private:
+    void run( const std::string& directory, Start start );
+    void obey( char command );
+    void tell( char command );
+    void answer( char c );
+    void expectAnswer( char c );
+    void reap();
+
+    pid_t pid_ = -1;
+    int commands_ = -1; // to the child; in the child: from the parent
+    int answers_ = -1;  // from the child; in the child: to the parent
+};
+
+} // namespace QelKrellTest
