@@ -19,7 +19,9 @@ constexpr auto describe( const Mount* ) {
         Qel::operation( "doUnmount", &Mount::doUnmount, { "entityPath" } ),
         Qel::operation( "doUnmountAll", &Mount::doUnmountAll ),
         Qel::operation( "getEntity", &Mount::getEntity, { "entityPath" } ),
-        Qel::operation( "getQelEntity", &Mount::getQelEntity, { "entityPath" } ) );
+        Qel::operation( "getQelEntity", &Mount::getQelEntity, { "entityPath" } ),
+        Qel::operation( "find", &Mount::find, { "path" } ),
+        Qel::operation( "cleanup", &Mount::cleanup, { "entityPath" } ) );
 }
 
 QELKRELL_VALUE_TYPE( Mount )

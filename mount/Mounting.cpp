@@ -1,5 +1,3 @@
-#include <optional>
-
 #include <Krell/Exception>
 #include <Norvo/EntityManager>
 #include <QelKrell/Exception>
@@ -7,6 +5,7 @@
 #include <Qel/Assert>
 #include <Qel/GenericIf>
 
+#include "mount/Controls.h"
 #include "mount/MountTrace.h"
 
 namespace QelKrell {
@@ -90,24 +89,6 @@ void needType( const Qel::Entity::Ptr& entity, const Qel::String8& path, const Q
     }
 }
 
-// The control handle of the entity's collection of that name; none when the attribute is not kept in
-// collection files.
-std::optional< CollectionControl > getControl( Qel::GenericIf& entity, const CollectionInfo& info ) {
-    const Qel::QelAttr* attr = entity.type()->attr( info.name() + "Control" );
-    if ( attr && !attr->isFunction() && !attr->isCollection() ) {
-        if ( const auto* control = entity.attribute( attr->name ).as< CollectionControl >() ) {
-            traceMount( stepLevel, [ & ]( std::ostream& text ) {
-                text << "getControl() found attribute " << info.name();
-            } );
-            return *control;
-        }
-    }
-    traceMount( stepLevel, [ & ]( std::ostream& text ) {
-        text << "getControl() " << info.name() << " is not krelled, skipping";
-    } );
-    return std::nullopt;
-}
-
 void openCollection( CollectionControl& control,
                      QelKrellType mode,
                      bool local,
@@ -133,7 +114,7 @@ void mountCollection( Qel::GenericIf& entity,
                       bool local,
                       bool cleanup,
                       const CollectionInfo& info ) {
-    if ( std::optional< CollectionControl > control = getControl( entity, info ) ) {
+    if ( std::optional< CollectionControl > control = getControl( entity, info.name() ) ) {
         try {
             openCollection( *control, mode, local, cleanup, info );
         } catch ( const Krell::Exception& e ) {

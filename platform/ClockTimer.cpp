@@ -5,6 +5,7 @@
 #include <limits>
 
 #include <Qel/ActivityManager>
+#include <Qel/Exception>
 #include <Qel/System>
 
 #include "platform/Positions.h"
@@ -46,9 +47,8 @@ void ClockTimer::setTimeout( double seconds ) {
 }
 
 void ClockTimer::delTimeout() {
-    directTrace( stepLevel, position::delTimeout, []( std::ostream& text ) {
-        text << "QelKrell::ClockTimer::delTimeout()";
-    } );
+    directTrace( stepLevel, position::delTimeout,
+                 []( std::ostream& text ) { text << "QelKrell::ClockTimer::delTimeout()"; } );
     notifiee_->timeMinIs( never );
 }
 
@@ -59,9 +59,8 @@ ClockTimer::Notifiee::~Notifiee() {
 }
 
 void ClockTimer::Notifiee::orphan() {
-    directTrace( stepLevel, position::timerOrphan, []( std::ostream& text ) {
-        text << "QelKrell::ClockTimer::Notifiee::orphan()";
-    } );
+    directTrace( stepLevel, position::timerOrphan,
+                 []( std::ostream& text ) { text << "QelKrell::ClockTimer::Notifiee::orphan()"; } );
     owner_ = nullptr;
 }
 
@@ -72,9 +71,8 @@ void ClockTimer::Notifiee::onTime() {
         } );
         return;
     }
-    directTrace( stepLevel, position::timerOnTime, []( std::ostream& text ) {
-        text << "QelKrell::ClockTimer::onTime()";
-    } );
+    directTrace( stepLevel, position::timerOnTime,
+                 []( std::ostream& text ) { text << "QelKrell::ClockTimer::onTime()"; } );
     owner_->handler_->timeout();
 }
 
@@ -87,9 +85,7 @@ TimerControl* getTimerControl( TimeoutHandler* handler ) {
                                      Qel::ActivityManager::activityManager()->config()->clock() );
 }
 
-int doEventLoop() {
-    return int( Qel::System::doRun() );
-}
+int doEventLoop() { return int( Qel::System::doRun() ); }
 
 int doEventLoop( double seconds ) {
     Qel::ActivityManager::activityManager()->config()->executionTimeIs( seconds );

@@ -16,9 +16,7 @@ Debug::Debug( const std::string& name ) : name_( name ), trace_( Qel::String( na
 
 Debug::~Debug() = default;
 
-bool Debug::enabled( int level ) {
-    return trace_.enabled( level );
-}
+bool Debug::enabled( int level ) { return trace_.enabled( level ); }
 
 void Debug::dump( const std::stringstream& text, int level ) {
     const Qel::String escaped = Qel::escapedTraceString( Qel::String( text.str() ) );
@@ -33,8 +31,6 @@ void Debug::dump( const std::stringstream& text, int level ) {
 
 namespace Krell::Platform {
 
-DebugHandler* getDebugHandler( const std::string& name ) {
-    return new QelKrell::Debug( name );
-}
+DebugHandler* getDebugHandler( const std::string& name ) { return new QelKrell::Debug( name ); }
 
 } // namespace Krell::Platform

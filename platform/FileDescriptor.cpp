@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include <Qel/Exception>
+
 #include "platform/Positions.h"
 #include "values/DirectTrace.h"
 
@@ -47,9 +49,7 @@ void FileDescriptor::delFd() {
     file_->descriptorIs( -1 );
 }
 
-int FileDescriptor::getFd() const {
-    return file_->descriptor();
-}
+int FileDescriptor::getFd() const { return file_->descriptor(); }
 
 FileDescriptor::Notifiee::~Notifiee() {
     directTrace( stepLevel, position::fdNotifieeGone, [ this ]( std::ostream& text ) {

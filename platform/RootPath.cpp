@@ -5,8 +5,8 @@
 #include <Krell/Exception>
 #include <Krell/Platform>
 #include <Krell/RootPath>
-#include <QelKrell/Exception>
 #include <Qel/Describe>
+#include <QelKrell/Exception>
 
 template <>
 inline constexpr const char* Qel::foreignName< Krell::RootPath > = "Krell::RootPath";
@@ -55,17 +55,14 @@ RootPath::RootPath( const Qel::String8& filename, bool create )
     handleInitialized();
 }
 
-RootPath::~RootPath() {
-    handleDestruction();
-}
+RootPath::~RootPath() { handleDestruction(); }
 
 void RootPath::handleInitialized() {
     if ( initialized_ ) {
         return;
     }
     translated( [ this ] {
-        auto made =
-            std::make_unique< Krell::RootPath >( debug(), filename_.stdString(), create_ );
+        auto made = std::make_unique< Krell::RootPath >( debug(), filename_.stdString(), create_ );
         // An earlier one that was not usable.
         const std::unique_ptr< Krell::RootPath > replaced( rootPathPtr_ );
         rootPathPtrIs( made.release() );
@@ -81,7 +78,8 @@ void RootPath::handleDestruction() {
 }
 
 Qel::String8 RootPath::fullPath( const Qel::String8& name ) const {
-    return translated( [ & ] { return Qel::String8( rootPathPtr_->fullPath( name.stdString() ) ); } );
+    return translated(
+        [ & ] { return Qel::String8( rootPathPtr_->fullPath( name.stdString() ) ); } );
 }
 
 void RootPath::removeFile( const Qel::String8& name ) {
@@ -101,9 +99,7 @@ Qel::Ptr< Qel::QelType > RootPath::_fwkType() {
     return *type;
 }
 
-Qel::Ptr< Qel::QelType > RootPath::fwkType() const {
-    return _fwkType();
-}
+Qel::Ptr< Qel::QelType > RootPath::fwkType() const { return _fwkType(); }
 
 RootPath::Ptr rootPathFactory( const Qel::String8& filename, bool create ) {
     return new RootPath( filename, create );

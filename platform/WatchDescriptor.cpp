@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include <Qel/Exception>
+
 #include "platform/Positions.h"
 #include "platform/WatchEvent.h"
 #include "values/DirectTrace.h"
@@ -46,9 +48,7 @@ void WatchDescriptor::delWatch() {
     watch_->pathIs( "" );
 }
 
-std::string WatchDescriptor::getWatch() const {
-    return watch_->path().stdString();
-}
+std::string WatchDescriptor::getWatch() const { return watch_->path().stdString(); }
 
 WatchDescriptor::Notifiee::~Notifiee() {
     directTrace( stepLevel, position::watchNotifieeGone, []( std::ostream& text ) {

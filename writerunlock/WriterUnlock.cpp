@@ -49,8 +49,6 @@ Qel::Ptr< Qel::QelType > WriterUnlock::_fwkType() {
     return *type;
 }
 
-WriterUnlock::Ptr writerUnlockFactory( const Qel::Name& name ) {
-    return new WriterUnlock( name );
-}
+WriterUnlock::Ptr writerUnlockFactory( const Qel::Name& name ) { return new WriterUnlock( name ); }
 
 } // namespace QelKrell

@@ -16,15 +16,15 @@ namespace QelKrell {
 
 constexpr auto describe( const WriterUnlockSm* ) {
     using S = WriterUnlockSm;
-    return Qel::objectType< S >(
-        "QelKrell::WriterUnlockSm", Qel::property( "entityPath", &S::entityPath ),
-        Qel::property( "instanceName", &S::instanceName ),
-        Qel::property( "writerUnlock", &S::writerUnlock ),
-        Qel::property( "helper", &S::helper, &S::helperIs ),
-        Qel::property( "connected", &S::connected, &S::connectedIs ),
-        Qel::operation( "handleDestruction", &S::handleDestruction ),
-        Qel::property( "initialized", &S::initialized, &S::initializedIs ),
-        Qel::operation( "handleInitialized", &S::handleInitialized ) );
+    return Qel::objectType< S >( "QelKrell::WriterUnlockSm",
+                                 Qel::property( "entityPath", &S::entityPath ),
+                                 Qel::property( "instanceName", &S::instanceName ),
+                                 Qel::property( "writerUnlock", &S::writerUnlock ),
+                                 Qel::property( "helper", &S::helper, &S::helperIs ),
+                                 Qel::property( "connected", &S::connected, &S::connectedIs ),
+                                 Qel::operation( "handleDestruction", &S::handleDestruction ),
+                                 Qel::property( "initialized", &S::initialized, &S::initializedIs ),
+                                 Qel::operation( "handleInitialized", &S::handleInitialized ) );
 }
 
 namespace {
@@ -33,9 +33,11 @@ constexpr int stepLevel = 5;
 
 constexpr const char* source = "src-includes/QelKrell/WriterUnlock";
 constexpr Qel::SourcePosition needsWriterUnlock {
-    source, 16, "void QelKrell::WriterUnlockSm::handleInitialized()" };
+    source, 16, "void QelKrell::WriterUnlockSm::handleInitialized()"
+};
 constexpr Qel::SourcePosition needsInitialized {
-    source, 47, "void QelKrell::WriterUnlockSm::connectedIs(bool)" };
+    source, 47, "void QelKrell::WriterUnlockSm::connectedIs(bool)"
+};
 
 // This unit's debug handler.
 Krell::Platform::DebugHandler& debug() {
@@ -92,9 +94,10 @@ void WriterUnlockSm::connectedIs( bool connected ) {
     debugText( debug(), stepLevel, [ connected ]( std::ostream& text ) {
         text << "QelKrell::WriterUnlockSm::connectedIs( " << connected << " ) invoked";
     } );
-    Qel::assertThat( initialized_,
-                     "initialized_ && \"QelKrell::WriterUnlockSm::connectedIs() failed: not initialized\"",
-                     needsInitialized );
+    Qel::assertThat(
+        initialized_,
+        "initialized_ && \"QelKrell::WriterUnlockSm::connectedIs() failed: not initialized\"",
+        needsInitialized );
     connected_ = connected;
     if ( !helper_ ) {
         throw Qel::InternalException( "QelKrell::WriterUnlockSm '" + name().string() +

@@ -6,9 +6,11 @@
 #include <memory>
 
 #include <Qel/ActivityManager>
+#include <Qel/Exception>
 #include <Qel/System>
 #include <gmock/gmock.h>
 
+#include "Raised.h"
 #include "platform/ManualClock.h"
 #include "platform/Tracing.h"
 
@@ -45,8 +47,8 @@ protected:
     Tracing tracing { "" };
     QelKrellTest::ManualClock clock;
     Handler handler;
-    std::unique_ptr< Krell::Platform::TimerControl > control {
-        Krell::Platform::getTimerControl( &handler ) };
+    std::unique_ptr< Krell::Platform::TimerControl > control { Krell::Platform::getTimerControl(
+        &handler ) };
 };
 
 TEST_F( ClockTimer, IsMadeIdleOnTheActivityManagersClock ) {
@@ -59,7 +61,8 @@ TEST_F( ClockTimer, IsMadeIdleOnTheActivityManagersClock ) {
 }
 
 TEST_F( ClockTimer, ANullClockIsRefused ) {
-    EXPECT_THROW( QelKrell::ClockTimer( &handler, nullptr ), Qel::RangeException );
+    const auto make = [ this ] { QelKrell::ClockTimer( &handler, nullptr ); };
+    EXPECT_EQ( QelKrellTest::raised< Qel::RangeException >( make ), "null ValidPtr" );
 }
 
 TEST_F( ClockTimer, ComesOnceAtItsTime ) {
@@ -113,7 +116,8 @@ TEST_F( ClockTimer, ATimeOfZeroOrLessComesInTheNextTurn ) {
 
 TEST_F( ClockTimer, ATimeThatIsNoneIsRefusedAndChangesNothing ) {
     control->setTimeout( 1 );
-    EXPECT_THROW( control->setTimeout( std::numeric_limits< double >::quiet_NaN() ), Qel::RangeException );
+    EXPECT_THROW( control->setTimeout( std::numeric_limits< double >::quiet_NaN() ),
+                  Qel::RangeException );
     clock.advance( 1 );
     EXPECT_EQ( handler.timeouts, 1 );
 }
@@ -128,7 +132,8 @@ TEST_F( ClockTimer, TheHandlerMayDestroyTheAdapter ) {
 
 TEST_F( ClockTimer, OneDestroyedByAnothersHandlerDoesNotFire ) {
     Handler second;
-    std::unique_ptr< Krell::Platform::TimerControl > other( Krell::Platform::getTimerControl( &second ) );
+    std::unique_ptr< Krell::Platform::TimerControl > other(
+        Krell::Platform::getTimerControl( &second ) );
     control->setTimeout( 1 );
     other->setTimeout( 1 );
     handler.then = [ & ] { other.reset(); };

@@ -17,7 +17,8 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 std::unique_ptr< Krell::Platform::DebugHandler > handlerOf( const std::string& name ) {
-    return std::unique_ptr< Krell::Platform::DebugHandler >( Krell::Platform::getDebugHandler( name ) );
+    return std::unique_ptr< Krell::Platform::DebugHandler >(
+        Krell::Platform::getDebugHandler( name ) );
 }
 
 TEST( Debug, BearsItsNameAndIsOffAtFirst ) {
@@ -54,9 +55,8 @@ TEST( Debug, DumpWritesOneLineAtItsOwnPosition ) {
     std::stringstream text;
     text << "one\ntwo\\";
     handler->dump( text, 3 );
-    EXPECT_THAT( tracing.taken(),
-                 ElementsAre( Message { "DebugTest", "src-includes/QelKrell/Debug", 43, "dump", 3,
-                                        "one\\ntwo\\\\" } ) );
+    EXPECT_THAT( tracing.taken(), ElementsAre( Message { "DebugTest", "src-includes/QelKrell/Debug",
+                                                         43, "dump", 3, "one\\ntwo\\\\" } ) );
     EXPECT_THAT( tracing.contexts(), ElementsAre( "" ) );
 }
 

@@ -7,9 +7,11 @@
 
 #include <memory>
 
+#include <Qel/Exception>
 #include <Qel/System>
 #include <gmock/gmock.h>
 
+#include "Raised.h"
 #include "platform/Tracing.h"
 
 namespace {
@@ -68,7 +70,8 @@ protected:
     Tracing tracing { "" };
     Pipe pipe;
     Handler handler;
-    std::unique_ptr< Krell::Platform::FdControl > control { Krell::Platform::getFdControl( &handler ) };
+    std::unique_ptr< Krell::Platform::FdControl > control { Krell::Platform::getFdControl(
+        &handler ) };
 };
 
 TEST_F( FileDescriptor, IsMadeIdleOnAFrameworkDescriptor ) {
@@ -80,12 +83,8 @@ TEST_F( FileDescriptor, IsMadeIdleOnAFrameworkDescriptor ) {
 }
 
 TEST_F( FileDescriptor, ANullFrameworkDescriptorIsRefused ) {
-    try {
-        const QelKrell::FileDescriptor made( &handler, nullptr );
-        FAIL();
-    } catch ( const Qel::RangeException& e ) {
-        EXPECT_EQ( e.msg(), "null ValidPtr" );
-    }
+    const auto make = [ this ] { QelKrell::FileDescriptor( &handler, nullptr ); };
+    EXPECT_EQ( QelKrellTest::raised< Qel::RangeException >( make ), "null ValidPtr" );
 }
 
 TEST_F( FileDescriptor, ForwardsReadabilityTurnByTurn ) {
@@ -186,13 +185,13 @@ TEST_F( FileDescriptor, MessagesNameTheOldDescriptorAfterDelFd ) {
     EXPECT_EQ( adapter().notifiee()->fd(), pipe.readEnd() );
     adapter().notifiee()->onReadableCount();
     control.reset();
-    EXPECT_THAT( tracing.taken(),
-                 ElementsAre( message( 199, "delFd", "delFd() deleting fd:" + fd ),
-                              message( 157, "onReadableCount",
-                                       "onReadableCount() fd:-1 readableCount:0" ),
-                              message( 145, "orphan", "Notifiee::orphan() fd:" + fd ),
-                              message( 199, "delFd", "delFd() deleting fd:-1" ),
-                              message( 136, "~Notifiee", "Notifiee::~Notifiee() fd:" + fd ) ) );
+    EXPECT_THAT(
+        tracing.taken(),
+        ElementsAre( message( 199, "delFd", "delFd() deleting fd:" + fd ),
+                     message( 157, "onReadableCount", "onReadableCount() fd:-1 readableCount:0" ),
+                     message( 145, "orphan", "Notifiee::orphan() fd:" + fd ),
+                     message( 199, "delFd", "delFd() deleting fd:-1" ),
+                     message( 136, "~Notifiee", "Notifiee::~Notifiee() fd:" + fd ) ) );
 }
 
 TEST_F( FileDescriptor, ALateNotificationIsTracedAndDropped ) {
@@ -202,9 +201,9 @@ TEST_F( FileDescriptor, ALateNotificationIsTracedAndDropped ) {
     control.reset();
     tracing.settingsAre( "Krell/5" );
     notifiee->onReadableCount();
-    EXPECT_THAT( tracing.taken(),
-                 ElementsAre( message( 118, "onReadableCount", "Notifiee::onReadableCount() fd:" + fd +
-                                                                   " ignoring orphan" ) ) );
+    EXPECT_THAT( tracing.taken(), ElementsAre( message( 118, "onReadableCount",
+                                                        "Notifiee::onReadableCount() fd:" + fd +
+                                                            " ignoring orphan" ) ) );
     EXPECT_THAT( handler.events, IsEmpty() );
     notifiee = nullptr;
     EXPECT_THAT( tracing.taken(),

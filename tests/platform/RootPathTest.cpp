@@ -8,8 +8,10 @@
 #include <fstream>
 
 #include <Krell/RootPath>
-#include <QelKrell/Exception>
+#include <Qel/Exception>
 #include <Qel/GenericIf>
+#include <Qel/Introspection>
+#include <QelKrell/Exception>
 #include <gmock/gmock.h>
 
 #include "platform/Scratch.h"
@@ -64,8 +66,10 @@ TEST_F( RootPath, ForwardsToTheCollectionLibrary ) {
 
 TEST_F( RootPath, FailuresComeAsFrameworkExceptions ) {
     EXPECT_THROW( root->removeFile( "../x" ), QelKrell::InvalidInitializeException );
-    EXPECT_THROW( QelKrell::rootPathFactory( "a/../b", false ), QelKrell::InvalidInitializeException );
-    EXPECT_THROW( QelKrell::rootPathFactory( "a/../b", true ), QelKrell::InvalidInitializeException );
+    EXPECT_THROW( QelKrell::rootPathFactory( "a/../b", false ),
+                  QelKrell::InvalidInitializeException );
+    EXPECT_THROW( QelKrell::rootPathFactory( "a/../b", true ),
+                  QelKrell::InvalidInitializeException );
 }
 
 TEST_F( RootPath, ASecondInitialisationOfAGoodOneDoesNothing ) {
@@ -114,9 +118,9 @@ TEST_F( RootPath, RegistersNineNamesInOrder ) {
     for ( const auto* a : type->attributes() ) {
         names.push_back( a->name.stdString() );
     }
-    EXPECT_THAT( names,
-                 ElementsAre( "create", "filename", "removeFile", "exists", "fullPath", "handleDestruction",
-                              "initialized", "handleInitialized", "rootPathPtr" ) );
+    EXPECT_THAT( names, ElementsAre( "create", "filename", "removeFile", "exists", "fullPath",
+                                     "handleDestruction", "initialized", "handleInitialized",
+                                     "rootPathPtr" ) );
     EXPECT_EQ( type->attr( "rootPathPtr" )->typeName, "Krell::RootPath*" );
     EXPECT_THAT( Qel::registeredUnits(), testing::Contains( Qel::String( "root path" ) ) );
 }
@@ -128,8 +132,9 @@ TEST_F( RootPath, AnswersByName ) {
     EXPECT_EQ( *generic->attribute( "initialized" ).as< bool >(), true );
     EXPECT_EQ( *generic->attribute( "rootPathPtr" ).as< Krell::RootPath* >(), root->rootPathPtr() );
     EXPECT_EQ( *generic->call( "exists" ).as< bool >(), true );
-    EXPECT_EQ( *generic->call( "fullPath", { { "name", Qel::genericValue( "a" ) } } ).as< Qel::String >(),
-               Qel::String( directory + "/a" ) );
+    EXPECT_EQ(
+        *generic->call( "fullPath", { { "name", Qel::genericValue( "a" ) } } ).as< Qel::String >(),
+        Qel::String( directory + "/a" ) );
     EXPECT_THROW( generic->call( "cleanup" ), Qel::UnknownAttributeException );
     EXPECT_THROW( generic->attributeIs( "filename", Qel::genericValue( "x" ) ),
                   Qel::OpNotSupportedException );

@@ -12,7 +12,8 @@ namespace QelKrellTest {
 class Scratch {
 public:
     Scratch() {
-        std::string pattern = ( std::filesystem::temp_directory_path() / "qelkrell-XXXXXX" ).string();
+        std::string pattern =
+            ( std::filesystem::temp_directory_path() / "qelkrell-XXXXXX" ).string();
         if ( !mkdtemp( pattern.data() ) ) {
             throw std::system_error( errno, std::generic_category(), "mkdtemp" );
         }

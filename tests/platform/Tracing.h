@@ -5,6 +5,7 @@
 #include <ostream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <Qel/Trace>
@@ -31,14 +32,27 @@ struct Message {
 // given settings alone, and the coverage stream is not set.
 class Tracing {
 public:
-    explicit Tracing( const Qel::String& settings );
-    ~Tracing();
+    explicit Tracing( const Qel::String& settings ) {
+        settingsAre( settings );
+        Qel::traceSinkIs( []( const Qel::String& ) {} );
+        Qel::traceObserverIs( [ this ]( const Qel::TraceRecord& r ) {
+            messages_.push_back( { r.handle.stdString(), r.source.stdString(), r.line,
+                                   r.function.stdString(), r.level, r.text.stdString() } );
+            contexts_.push_back( r.context.stdString() );
+        } );
+    }
+    ~Tracing() {
+        Qel::traceObserverIs( nullptr );
+        Qel::traceSinkIs( nullptr );
+        Qel::traceSettingsIs( "" );
+    }
     Tracing( const Tracing& ) = delete;
     Tracing& operator=( const Tracing& ) = delete;
 
-    void settingsAre( const Qel::String& settings );
-    // The messages since the last call. Contexts are part of a message: see contexts().
-    std::vector< Message > taken();
+    void settingsAre( const Qel::String& settings ) { Qel::traceSettingsIs( settings ); }
+    // The messages since the last call.
+    std::vector< Message > taken() { return std::exchange( messages_, {} ); }
+    // The context of every message so far.
     const std::vector< std::string >& contexts() const noexcept { return contexts_; }
 
 private:

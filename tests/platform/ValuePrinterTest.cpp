@@ -71,8 +71,8 @@ std::string dumped( T value, int size = int( sizeof( T ) ) ) {
 }
 
 Message caught( const std::string& what ) {
-    return { "Krell", "Platform", 395, "toString", 1,
-             "QelValuePrinter::toString caught Qel::Exception: " + what };
+    return { "Krell",    "Platform", 395,
+             "toString", 1,          "QelValuePrinter::toString caught Qel::Exception: " + what };
 }
 
 TEST( ValuePrinter, PrintsTheTextFormOfTheWholeValue ) {
@@ -100,7 +100,8 @@ TEST( ValuePrinter, DumpsExactlyTheBytesOfAnUnknownType ) {
     for ( int size : { 0, 1, 16, 20 } ) {
         const std::unique_ptr< Krell::Platform::ValuePrinter > printer(
             Krell::Platform::getValuePrinter( "PrinterTest::Nothing", size ) );
-        EXPECT_EQ( printer->toString( const_cast< char* >( bytes ) ), Krell::Util::dumpHex( bytes, size ) );
+        EXPECT_EQ( printer->toString( const_cast< char* >( bytes ) ),
+                   Krell::Util::dumpHex( bytes, size ) );
     }
     EXPECT_NE( Krell::Util::dumpHex( bytes, 16 ), Krell::Util::dumpHex( bytes, 17 ) );
     EXPECT_THAT( tracing.taken(), IsEmpty() );
@@ -120,9 +121,11 @@ TEST( ValuePrinter, BytesThatDoNotFitAreDumped ) {
 
 TEST( ValuePrinter, AnOperationOfThatNameIsNoAttribute ) {
     Tracing tracing( "Krell/1" );
-    EXPECT_EQ( printed( "PrinterTest::Called", PrinterTest::Called { 9 } ), dumped( Qel::U32( 9 ) ) );
-    EXPECT_THAT( tracing.taken(),
-                 ElementsAre( caught( "operation 'krellString' is not supported as an attribute" ) ) );
+    EXPECT_EQ( printed( "PrinterTest::Called", PrinterTest::Called { 9 } ),
+               dumped( Qel::U32( 9 ) ) );
+    EXPECT_THAT(
+        tracing.taken(),
+        ElementsAre( caught( "operation 'krellString' is not supported as an attribute" ) ) );
 }
 
 TEST( ValuePrinter, ExceptionsAreExpected ) {
@@ -137,8 +140,9 @@ TEST( ValuePrinter, TheCoverageStreamSeesWhatIsNotTraced ) {
     const Coverage coverage;
     printed( "U32", Qel::U32( 5 ), 3 );
     EXPECT_THAT( tracing.taken(), IsEmpty() );
-    EXPECT_EQ( coverage.text(),
-               "QelValuePrinter::toString caught Qel::Exception: a U32 does not fit into 3 bytes\n" );
+    EXPECT_EQ(
+        coverage.text(),
+        "QelValuePrinter::toString caught Qel::Exception: a U32 does not fit into 3 bytes\n" );
 }
 
 } // namespace

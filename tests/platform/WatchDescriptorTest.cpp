@@ -6,9 +6,11 @@
 #include <fstream>
 #include <memory>
 
+#include <Qel/Exception>
 #include <Qel/System>
 #include <gmock/gmock.h>
 
+#include "Raised.h"
 #include "platform/Scratch.h"
 #include "platform/Tracing.h"
 #include "platform/WatchEvent.h"
@@ -60,8 +62,8 @@ protected:
     Tracing tracing { "" };
     QelKrellTest::Scratch scratch;
     Handler handler;
-    std::unique_ptr< Krell::Platform::InotifyControl > control {
-        Krell::Platform::getInotifyControl( &handler ) };
+    std::unique_ptr< Krell::Platform::InotifyControl > control { Krell::Platform::getInotifyControl(
+        &handler ) };
 };
 
 TEST_F( WatchDescriptor, IsMadeIdleOnAFrameworkWatch ) {
@@ -72,12 +74,8 @@ TEST_F( WatchDescriptor, IsMadeIdleOnAFrameworkWatch ) {
 }
 
 TEST_F( WatchDescriptor, ANullFrameworkWatchIsRefused ) {
-    try {
-        const QelKrell::WatchDescriptor made( &handler, nullptr );
-        FAIL();
-    } catch ( const Qel::RangeException& e ) {
-        EXPECT_EQ( e.msg(), "null ValidPtr" );
-    }
+    const auto make = [ this ] { QelKrell::WatchDescriptor( &handler, nullptr ); };
+    EXPECT_EQ( QelKrellTest::raised< Qel::RangeException >( make ), "null ValidPtr" );
 }
 
 TEST_F( WatchDescriptor, NamesTheEntriesThatChanged ) {
@@ -87,7 +85,8 @@ TEST_F( WatchDescriptor, NamesTheEntriesThatChanged ) {
     std::filesystem::rename( scratch.path( "made" ), scratch.path( "moved" ) );
     std::filesystem::remove( scratch.path( "moved" ) );
     drain();
-    EXPECT_THAT( handler.events, ElementsAre( "event made", "event made", "event moved", "event moved" ) );
+    EXPECT_THAT( handler.events,
+                 ElementsAre( "event made", "event made", "event moved", "event moved" ) );
 }
 
 TEST_F( WatchDescriptor, EveryEventOfAQueueIsForwarded ) {
@@ -223,8 +222,9 @@ TEST_F( WatchDescriptor, ALateNotificationIsTracedAndDropped ) {
     control.reset();
     tracing.settingsAre( "Krell/5" );
     notifiee->onWatchCount();
-    EXPECT_THAT( tracing.taken(),
-                 ElementsAre( message( 224, "onWatchCount", "Notifiee::onWatchCount() ignoring orphan" ) ) );
+    EXPECT_THAT(
+        tracing.taken(),
+        ElementsAre( message( 224, "onWatchCount", "Notifiee::onWatchCount() ignoring orphan" ) ) );
     EXPECT_THAT( handler.events, IsEmpty() );
 }
 
@@ -237,7 +237,8 @@ std::vector< std::string > forwarded( const QelKrell::WatchEvent& event ) {
 }
 
 TEST( WatchEvent, ANegativeDescriptorIsAnErrorEvenWithAName ) {
-    EXPECT_THAT( forwarded( { -1, 0x100, 0, "x" } ), ElementsAre( "error watch descriptor error" ) );
+    EXPECT_THAT( forwarded( { -1, 0x100, 0, "x" } ),
+                 ElementsAre( "error watch descriptor error" ) );
     EXPECT_THAT( forwarded( { -7, 0x400, 0, "" } ), ElementsAre( "error watch descriptor error" ) );
 }
 

@@ -79,9 +79,7 @@ Writer::~Writer() {
 
 // --- In the parent
 
-void Writer::started() {
-    expectAnswer( 'L' );
-}
+void Writer::started() { expectAnswer( 'L' ); }
 
 void Writer::release() {
     tell( 'u' );
@@ -113,13 +111,9 @@ void Writer::kill() {
     reap();
 }
 
-void Writer::tell( char command ) {
-    ASSERT_EQ( write( commands_, &command, 1 ), 1 );
-}
+void Writer::tell( char command ) { ASSERT_EQ( write( commands_, &command, 1 ), 1 ); }
 
-void Writer::expectAnswer( char c ) {
-    ASSERT_EQ( readByte( answers_ ), c );
-}
+void Writer::expectAnswer( char c ) { ASSERT_EQ( readByte( answers_ ), c ); }
 
 void Writer::reap() {
     int status = 0;
@@ -132,7 +126,8 @@ void Writer::reap() {
 
 void Writer::run( const std::string& directory, Start start ) {
     try {
-        heldDirectory = std::make_unique< Krell::Directory >( Krell::Directory::create( directory ) );
+        heldDirectory =
+            std::make_unique< Krell::Directory >( Krell::Directory::create( directory ) );
         heldLock = std::make_unique< Krell::WriterLock >();
         while ( !heldLock->tryLock( *heldDirectory ) ) {
             if ( start == atOnce ) {
@@ -151,7 +146,9 @@ void Writer::run( const std::string& directory, Start start ) {
 
 void Writer::obey( char command ) {
     switch ( command ) {
-    case 'u': heldLock->unlock(); break;
+    case 'u':
+        heldLock->unlock();
+        break;
     case 'l':
         if ( !heldLock->tryLock( *heldDirectory ) ) {
             _exit( failed );
@@ -170,7 +167,8 @@ void Writer::obey( char command ) {
             _exit( 0 );
         }
         break;
-    default: _exit( 0 );
+    default:
+        _exit( 0 );
     }
     answer( command );
 }

@@ -24,8 +24,8 @@ public:
     // Waits until it holds the lock.
     void started();
 
-    void release();    // the lock; the process lives on
-    void lockAgain();  // after release()
+    void release();     // the lock; the process lives on
+    void lockAgain();   // after release()
     void becomeOther(); // execs a program that knows nothing of locks
     // Forks a process that shares its descriptors and stays until the writer object goes.
     void forkChild();

@@ -15,7 +15,8 @@ using testing::IsEmpty;
 // Writes what it is told, under its name.
 class Reactor : public QelKrell::WriterUnlock::Notifiee {
 public:
-    Reactor( std::string name, std::vector< std::string >& log ) : name_( std::move( name ) ), log_( log ) {}
+    Reactor( std::string name, std::vector< std::string >& log )
+        : name_( std::move( name ) ), log_( log ) {}
     void onCount() override { add( "count" ); }
     void onIsNondestructing() override { add( "isNondestructing" ); }
     void onException( std::exception_ptr ) override { log_.push_back( name_ + " exception" ); }
@@ -187,8 +188,9 @@ TEST_F( WriterUnlock, CountIsReadAndSetByName ) {
     EXPECT_EQ( generic->attribute( 258 ).strep(), "9" );
     EXPECT_THAT( taken(), ElementsAre( "a count" ) );
     EXPECT_THROW( generic->attributeIs( "count", Qel::genericValue( "9" ) ), Qel::TypeException );
-    EXPECT_THROW( std::as_const( *counter ).genericIf()->attributeIs( "count", Qel::genericValue( 1u ) ),
-                  Qel::ConstException );
+    EXPECT_THROW(
+        std::as_const( *counter ).genericIf()->attributeIs( "count", Qel::genericValue( 1u ) ),
+        Qel::ConstException );
     EXPECT_EQ( counter->count(), 9u );
 }
 

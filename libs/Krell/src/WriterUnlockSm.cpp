@@ -31,8 +31,7 @@ Fd openProcess( pid_t pid ) {
 } // namespace
 
 bool WriterUnlockSm::Holder::sameAs( const Holder& other ) const noexcept {
-    const bool sameStart =
-        startTime == other.startTime || startTime == 0 || other.startTime == 0;
+    const bool sameStart = startTime == other.startTime || startTime == 0 || other.startTime == 0;
     return pid == other.pid && sameStart;
 }
 
@@ -66,9 +65,7 @@ void WriterUnlockSm::doDisconnect() {
     }
 }
 
-void WriterUnlockSm::timeout() {
-    lookAgain();
-}
+void WriterUnlockSm::timeout() { lookAgain(); }
 
 void WriterUnlockSm::fdEvent( int ) {
     // The process is dead, and its descriptor would say so in every turn.

@@ -43,6 +43,13 @@ std::vector< String >& units() {
 
 IntrospectionReactor::~IntrospectionReactor() = default;
 
+void announceForeignType( IntrospectionReactor& reactor, const String& fullName ) {
+    const std::size_t colon = fullName.rfind( ':' );
+    reactor.handleScope( colon == String::npos ? String() : fullName.substr( 0, colon - 1 ) );
+    reactor.handleForeignType( fullName );
+    reactor.handleScopeExit();
+}
+
 IntrospectionReactor& introspectionReactor() {
     static auto* const reactor = new TypeNodeReactor;
     return *reactor;

@@ -1,0 +1,298 @@
+#define _FILE_OFFSET_BITS 64 // file sizes and inode numbers of 64 bits, on 32-bit x86 too
+
+#include <Dov/SharedMem>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Dov {
+
+namespace {
+
+constexpr mode_t fileMode = 0640;
+constexpr std::size_t hugePage = std::size_t( 2 ) << 20;
+
+// posix_fallocate returns its error and leaves errno alone.
+int allocated( int fd, std::size_t from, std::size_t to ) {
+    int result;
+    do {
+        result = ::posix_fallocate( fd, off_t( from ), off_t( to - from ) );
+    } while ( result == EINTR );
+    return result;
+}
+
+int protection( SharedMem::Mode mode ) {
+    return mode == SharedMem::readOnly ? PROT_READ : PROT_READ | PROT_WRITE;
+}
+
+void adviseHugePages( void* address, std::size_t size ) {
+    if ( size >= hugePage ) {
+        ::madvise( address, size, MADV_HUGEPAGE ); // advice: a kernel without it does as well
+    }
+}
+
+class KeepErrno {
+public:
+    ~KeepErrno() { errno = kept_; }
+
+private:
+    int kept_ = errno;
+};
+
+} // namespace
+
+SharedMem::SharedMem( const std::string& directory,
+                      const std::string& name,
+                      bool unlinkAtDestruction,
+                      bool lockPages )
+    : directory_( directory ), name_( name ), unlinkAtDestruction_( unlinkAtDestruction ),
+      lockPages_( lockPages ) {}
+
+SharedMem::~SharedMem() {
+    detach();
+    if ( unlinkAtDestruction_ && created_ ) {
+        removeCreated();
+    }
+}
+
+void* SharedMem::attach( std::size_t size, Mode mode ) {
+    if ( address_ ) {
+        failed( "attach", EBUSY, "is attached already" );
+        return nullptr;
+    }
+    if ( mode != create && mode != readOnly && mode != readWrite ) {
+        failed( "attach", EINVAL, "unknown mode " + std::to_string( int( mode ) ) );
+        return nullptr;
+    }
+    mode_ = mode;
+    if ( mode == create ? !openNew( size ) : !openExisting( size ) ) {
+        closeFile();
+        return nullptr;
+    }
+    if ( !map( size ) ) {
+        if ( mode == create ) {
+            removeCreated();
+        }
+        closeFile();
+        return nullptr;
+    }
+    if ( mode == readOnly ) {
+        closeFile();
+    }
+    return address_;
+}
+
+void SharedMem::detach() noexcept {
+    const KeepErrno keeper;
+    if ( address_ ) {
+        ::munmap( address_, size_ );
+        address_ = nullptr;
+        size_ = 0;
+    }
+    closeFile();
+}
+
+bool SharedMem::resize( std::size_t newSize ) {
+    if ( !address_ ) {
+        return failed( "resize", EINVAL, "is not attached" );
+    }
+    if ( mode_ == readOnly ) {
+        return failed( "resize", EBADF, "is attached for reading only" );
+    }
+    return newSize <= size_ || ( allocate( size_, newSize ) && extend( newSize ) );
+}
+
+bool SharedMem::remap() {
+    if ( !address_ ) {
+        return failed( "remap", EINVAL, "is not attached" );
+    }
+    const bool opened = fd_ < 0;
+    if ( opened && ( fd_ = openAt( "open", O_RDONLY ) ) < 0 ) {
+        return false;
+    }
+    std::size_t size = 0;
+    const bool done = ( isOurs( fd_ ) || failed( "remap", ESTALE, "now names another file" ) ) &&
+                      sizeOfFile( size ) && ( size <= size_ || extend( size ) );
+    if ( opened ) {
+        closeFile();
+    }
+    return done;
+}
+
+std::size_t SharedMem::memSize() const noexcept {
+    if ( address_ ) {
+        return size_;
+    }
+    const KeepErrno keeper;
+    struct stat status;
+    const bool byPath = directoryFd_ < 0;
+    const std::string where = byPath ? path() : name_;
+    if ( ::fstatat( byPath ? AT_FDCWD : directoryFd_, where.c_str(), &status, AT_SYMLINK_NOFOLLOW ) != 0 ||
+         !S_ISREG( status.st_mode ) || std::uintmax_t( status.st_size ) > SIZE_MAX ) {
+        return 0;
+    }
+    return std::size_t( status.st_size );
+}
+
+std::string SharedMem::path() const {
+    return directory_ + "/" + name_;
+}
+
+bool SharedMem::failed( const char* call, int errorNumber, const std::string& reason ) {
+    errorNumber_ = errorNumber;
+    errorText_ = std::string( call ) + " " + path() + ": " +
+                 ( reason.empty() ? std::strerror( errorNumber ) : reason );
+    errno = errorNumber;
+    return false;
+}
+
+// A descriptor, or -1 with the failure noted.
+int SharedMem::openAt( const char* call, int flags ) {
+    if ( name_.empty() || name_ == "." || name_ == ".." || name_.find( '/' ) != std::string::npos ||
+         path().find( '\0' ) != std::string::npos ) {
+        failed( call, EINVAL, "not a plain file name" );
+        return -1;
+    }
+    const bool byPath = directoryFd_ < 0;
+    const std::string where = byPath ? path() : name_;
+    int fd;
+    do {
+        fd = ::openat( byPath ? AT_FDCWD : directoryFd_,
+                       where.c_str(),
+                       flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
+                       fileMode );
+    } while ( fd < 0 && errno == EINTR );
+    if ( fd < 0 ) {
+        failed( call, errno );
+    }
+    return fd;
+}
+
+bool SharedMem::openNew( std::size_t size ) {
+    if ( size == 0 || size > std::size_t( PTRDIFF_MAX ) ) {
+        return failed( "create", size == 0 ? EINVAL : ENOMEM, "no size for a mapping: " + std::to_string( size ) );
+    }
+    fd_ = openAt( "create", O_RDWR | O_CREAT | O_EXCL );
+    if ( fd_ < 0 ) {
+        return false;
+    }
+    created_ = true;
+    struct stat status;
+    if ( ::fstat( fd_, &status ) == 0 ) {
+        device_ = status.st_dev;
+        inode_ = status.st_ino;
+    }
+    if ( ( ::fchmod( fd_, fileMode ) == 0 || failed( "fchmod", errno ) ) && allocate( 0, size ) ) {
+        return true;
+    }
+    removeCreated();
+    return false;
+}
+
+bool SharedMem::openExisting( std::size_t& size ) {
+    created_ = false;
+    fd_ = openAt( "open", mode_ == readOnly ? O_RDONLY : O_RDWR );
+    std::size_t there = 0;
+    if ( fd_ < 0 || !sizeOfFile( there ) ) {
+        return false;
+    }
+    if ( there == 0 ) {
+        return failed( "open", ENODATA, "the file is empty" );
+    }
+    if ( there < size ) {
+        return failed( "open",
+                       ENODATA,
+                       "the file holds " + std::to_string( there ) + " bytes, fewer than " +
+                           std::to_string( size ) );
+    }
+    size = size ? size : there;
+    return true;
+}
+
+// Also notes which file it is, when nothing is mapped yet.
+bool SharedMem::sizeOfFile( std::size_t& size ) {
+    struct stat status;
+    if ( ::fstat( fd_, &status ) != 0 ) {
+        return failed( "fstat", errno );
+    }
+    if ( !S_ISREG( status.st_mode ) ) {
+        return failed( "open", EINVAL, "not a regular file" );
+    }
+    if ( std::uintmax_t( status.st_size ) > std::uintmax_t( PTRDIFF_MAX ) ) {
+        return failed( "open", EFBIG, "the file is larger than the address space" );
+    }
+    if ( !address_ ) {
+        device_ = status.st_dev;
+        inode_ = status.st_ino;
+    }
+    size = std::size_t( status.st_size );
+    return true;
+}
+
+bool SharedMem::isOurs( int fd ) noexcept {
+    struct stat status;
+    return ::fstat( fd, &status ) == 0 && status.st_dev == device_ && status.st_ino == inode_;
+}
+
+bool SharedMem::allocate( std::size_t from, std::size_t to ) {
+    const int error = to > std::size_t( PTRDIFF_MAX ) ? ENOMEM : allocated( fd_, from, to );
+    return error == 0 || failed( "posix_fallocate", error );
+}
+
+bool SharedMem::map( std::size_t size ) {
+    void* at = ::mmap( nullptr, size, protection( mode_ ), MAP_SHARED, fd_, 0 );
+    if ( at == MAP_FAILED ) {
+        return failed( "mmap", errno );
+    }
+    if ( lockPages_ && ::mlock( at, size ) != 0 ) {
+        failed( "mlock", errno );
+        ::munmap( at, size );
+        return false;
+    }
+    adviseHugePages( at, size );
+    address_ = at;
+    size_ = size;
+    return true;
+}
+
+// The file has `newSize` bytes already.
+bool SharedMem::extend( std::size_t newSize ) {
+    void* at = ::mremap( address_, size_, newSize, MREMAP_MAYMOVE );
+    if ( at == MAP_FAILED ) {
+        return failed( "mremap", errno );
+    }
+    adviseHugePages( at, newSize );
+    address_ = at;
+    size_ = newSize;
+    return true;
+}
+
+void SharedMem::closeFile() noexcept {
+    if ( fd_ >= 0 ) {
+        const KeepErrno keeper;
+        ::close( fd_ );
+        fd_ = -1;
+    }
+}
+
+// Removes the name if it still means the file that this object created.
+void SharedMem::removeCreated() noexcept {
+    const KeepErrno keeper;
+    struct stat status;
+    const bool byPath = directoryFd_ < 0;
+    const int base = byPath ? AT_FDCWD : directoryFd_;
+    const std::string where = byPath ? path() : name_;
+    if ( ::fstatat( base, where.c_str(), &status, AT_SYMLINK_NOFOLLOW ) == 0 &&
+         status.st_dev == device_ && status.st_ino == inode_ ) {
+        ::unlinkat( base, where.c_str(), 0 );
+    }
+    created_ = false;
+}
+
+} // namespace Dov

@@ -1,0 +1,270 @@
+#define _FILE_OFFSET_BITS 64 // inode numbers of 64 bits, on 32-bit x86 too
+
+#include <Krell/WriterLock>
+
+#include <algorithm>
+#include <map>
+#include <mutex>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+
+namespace Krell {
+
+namespace {
+
+constexpr int maxAttempts = 1000;
+
+struct flock wholeFile() {
+    struct flock range = {};
+    range.l_type = F_WRLCK;
+    range.l_whence = SEEK_SET;
+    return range;
+}
+
+// Who has a lock that stands in the way of ours: 0 nobody.
+pid_t blocker( const Fd& file, const std::string& path ) {
+    struct flock range = wholeFile();
+    if ( ::fcntl( file.get(), F_GETLK, &range ) != 0 ) {
+        throwSystemFailure( "fcntl", path, errno );
+    }
+    return range.l_type == F_UNLCK ? 0 : range.l_pid > 0 ? range.l_pid : WriterLock::unknownHolder_;
+}
+
+Owner ownerIn( const Fd& file ) {
+    std::string text( Owner::maxText_, '\0' );
+    ssize_t length;
+    do {
+        length = ::pread( file.get(), text.data(), text.size(), 0 );
+    } while ( length < 0 && errno == EINTR );
+    return Owner::parse( std::string_view( text ).substr( 0, length > 0 ? std::size_t( length ) : 0 ) );
+}
+
+} // namespace
+
+// The locks that this process holds. Everything that opens or closes a lock file does so under the
+// mutex and asks here first, for a close would give the lock away.
+class WriterLock::Registry {
+public:
+    struct Entry {
+        pid_t pid;                // process that locked; a forked child finds its parent's entries
+        Fd file;                  // the one descriptor that carries the lock
+        Owner owner;              // what stands in the file
+        std::vector< Fd > parked; // of the same file under other names: not to be closed before
+    };
+
+    static Registry& instance() {
+        static Registry* registry = [] {
+            ::pthread_atfork( [] { mutex().lock(); }, [] { mutex().unlock(); }, [] { mutex().unlock(); } );
+            return new Registry; // outlives every handle, those of static duration too
+        }();
+        return *registry;
+    }
+    static std::mutex& mutex() {
+        static std::mutex* m = new std::mutex;
+        return *m;
+    }
+
+    // This process's entry, or null.
+    Entry* find( const FileId& id ) {
+        const auto at = entries_.find( id );
+        if ( at == entries_.end() ) {
+            return nullptr;
+        }
+        if ( at->second.pid != ::getpid() ) {
+            entries_.erase( at ); // closes our copies of the parent's descriptors; its lock stays
+            return nullptr;
+        }
+        return &at->second;
+    }
+    void insert( const FileId& id, Fd file, const Owner& owner ) {
+        entries_.insert_or_assign( id, Entry { ::getpid(), std::move( file ), owner, {} } );
+    }
+    void erase( const FileId& id ) { entries_.erase( id ); }
+    // Takes a descriptor that came to a file locked by this process, to keep it open; false, and the
+    // descriptor as it was, when the file is none.
+    bool park( const FileId& id, Fd& file ) {
+        Entry* entry = find( id );
+        if ( entry ) {
+            entry->parked.push_back( std::move( file ) );
+        }
+        return entry != nullptr;
+    }
+
+private:
+    std::map< FileId, Entry > entries_;
+};
+
+WriterLock::FileId WriterLock::idOf( int fd, const std::string& path ) {
+    struct stat status;
+    if ( ::fstat( fd, &status ) != 0 ) {
+        throwSystemFailure( "fstat", path, errno );
+    }
+    return { status.st_dev, status.st_ino };
+}
+
+// The file that the name means now.
+std::optional< WriterLock::FileId > WriterLock::idOfName( const Directory& directory ) {
+    struct stat status;
+    if ( ::fstatat( directory.fd(), fileName_, &status, AT_SYMLINK_NOFOLLOW ) == 0 ) {
+        return FileId { status.st_dev, status.st_ino };
+    }
+    if ( errno != ENOENT ) {
+        throwSystemFailure( "fstatat", directory.pathOf( fileName_ ), errno );
+    }
+    return std::nullopt;
+}
+
+WriterLock::~WriterLock() {
+    unlock();
+}
+
+bool WriterLock::tryLock( const Directory& directory ) {
+    if ( held() ) {
+        throw RuntimeException( "the writer's lock " + path_ + " is held by this handle already" );
+    }
+    path_ = directory.pathOf( fileName_ );
+    holder_ = 0;
+    owner_ = Owner();
+    const std::lock_guard guard( Registry::mutex() );
+    Registry& registry = Registry::instance();
+    for ( int i = 0; i < maxAttempts; ++i ) {
+        switch ( attempt( directory, registry ) ) {
+        case Attempt::locked:
+            return true;
+        case Attempt::refused:
+            return false;
+        case Attempt::again:
+            break;
+        }
+    }
+    throw RuntimeException( "fcntl " + path_ + ": the file is replaced again and again" );
+}
+
+WriterLock::Attempt WriterLock::attempt( const Directory& directory, Registry& registry ) {
+    const std::optional< FileId > named = idOfName( directory );
+    if ( named ) {
+        if ( const Registry::Entry* entry = registry.find( *named ) ) {
+            holder_ = ::getpid();
+            owner_ = entry->owner;
+            return Attempt::refused;
+        }
+    }
+    Fd file = named ? directory.openFile( fileName_, O_RDWR ) : directory.createIfAbsent( fileName_ );
+    if ( !file ) {
+        return Attempt::again; // gone, or there, meanwhile
+    }
+    const FileId id = idOf( file.get(), path_ );
+    if ( registry.park( id, file ) ) {
+        return Attempt::again; // the name means a file of ours since: refused next time
+    }
+    return settle( directory, registry, std::move( file ), id );
+}
+
+// The file is open, and not locked by this process.
+WriterLock::Attempt
+WriterLock::settle( const Directory& directory, Registry& registry, Fd file, const FileId& id ) {
+    struct flock range = wholeFile();
+    int result;
+    do {
+        result = ::fcntl( file.get(), F_SETLK, &range );
+    } while ( result != 0 && errno == EINTR );
+    if ( result != 0 ) {
+        if ( errno != EAGAIN && errno != EACCES ) {
+            throwSystemFailure( "fcntl", path_, errno );
+        }
+        holder_ = blocker( file, path_ );
+        owner_ = ownerIn( file );
+        return holder_ == 0 ? Attempt::again : Attempt::refused; // 0: gone since
+    }
+    if ( idOfName( directory ) != id ) {
+        return Attempt::again; // a lock on a file that nobody else will find
+    }
+    owner_ = ownerIn( file );
+    registry.insert( id, std::move( file ), owner_ );
+    id_ = id;
+    lockedBy_ = ::getpid();
+    holder_ = lockedBy_;
+    return Attempt::locked;
+}
+
+void WriterLock::unlock() noexcept {
+    if ( held() ) {
+        const std::lock_guard guard( Registry::mutex() );
+        Registry::instance().erase( id_ );
+    }
+    lockedBy_ = 0;
+}
+
+bool WriterLock::held() const noexcept {
+    return lockedBy_ != 0 && lockedBy_ == ::getpid();
+}
+
+void WriterLock::writeOwner() {
+    if ( !held() ) {
+        throw RuntimeException( "the writer's lock is not held by this handle" );
+    }
+    const std::lock_guard guard( Registry::mutex() );
+    Registry::Entry& entry = *Registry::instance().find( id_ );
+    const Owner self = Owner::self();
+    const std::string text = self.text();
+    for ( std::size_t at = 0; at < text.size(); ) {
+        const ssize_t n = ::pwrite( entry.file.get(), text.data() + at, text.size() - at, off_t( at ) );
+        if ( n < 0 && errno != EINTR ) {
+            throwSystemFailure( "pwrite", path_, errno );
+        }
+        at += n > 0 ? std::size_t( n ) : 0;
+    }
+    // What is left of a longer text does no harm meanwhile: of each key the first line counts.
+    if ( ::ftruncate( entry.file.get(), off_t( text.size() ) ) != 0 ) {
+        throwSystemFailure( "ftruncate", path_, errno );
+    }
+    entry.owner = self;
+}
+
+std::optional< Owner > WriterLock::ownerOf( const Directory& directory ) {
+    const std::lock_guard guard( Registry::mutex() );
+    Registry& registry = Registry::instance();
+    const std::optional< FileId > named = idOfName( directory );
+    if ( !named ) {
+        return std::nullopt;
+    }
+    if ( const Registry::Entry* entry = registry.find( *named ) ) {
+        return entry->owner;
+    }
+    Fd file = directory.openFile( fileName_, O_RDONLY );
+    if ( !file ) {
+        return std::nullopt;
+    }
+    const Owner owner = ownerIn( file );
+    registry.park( idOf( file.get(), directory.pathOf( fileName_ ) ), file );
+    return owner;
+}
+
+pid_t WriterLock::holderOf( const Directory& directory ) {
+    const std::lock_guard guard( Registry::mutex() );
+    Registry& registry = Registry::instance();
+    const std::optional< FileId > named = idOfName( directory );
+    if ( named && registry.find( *named ) ) {
+        return ::getpid();
+    }
+    Fd file = named ? directory.openFile( fileName_, O_RDONLY ) : Fd();
+    if ( !file ) {
+        return 0;
+    }
+    const std::string path = directory.pathOf( fileName_ );
+    const pid_t holder = blocker( file, path );
+    return registry.park( idOf( file.get(), path ), file ) ? ::getpid() : holder;
+}
+
+std::string
+WriterLock::refusalText( const Directory& directory, pid_t holder, const Owner& owner ) {
+    std::string who = owner.description();
+    if ( owner.pid != holder && holder > 0 ) {
+        who = "pid " + std::to_string( holder );
+    }
+    return directory.path() + " is written by " + who;
+}
+
+} // namespace Krell

@@ -1,0 +1,75 @@
+// Counted objects: when they die, flags beside the count, casts.
+
+#include <gmock/gmock.h>
+
+#include <Qel/Ptr>
+
+namespace {
+
+struct Thing : Qel::Counted {
+    explicit Thing( int& deaths ) : deaths_( deaths ) {}
+    ~Thing() override { ++deaths_; }
+    int& deaths_;
+};
+
+struct Special : Thing {
+    using Thing::Thing;
+};
+
+TEST( Ptr, LastReferenceDestroysTheObject ) {
+    int deaths = 0;
+    Qel::Ptr< Thing > a = new Thing( deaths );
+    EXPECT_EQ( 1U, a->references() );
+    Qel::Ptr< Thing > b = a;
+    EXPECT_EQ( 2U, b->references() );
+    a = nullptr;
+    EXPECT_EQ( 0, deaths );
+    EXPECT_EQ( 1U, b->references() );
+    b = std::move( b );
+    b = Qel::Ptr< Thing >();
+    EXPECT_EQ( 1, deaths );
+}
+
+TEST( Ptr, FlagsAreNoReferences ) {
+    int deaths = 0;
+    Qel::Ptr< Thing > a = new Thing( deaths );
+    a->flagIs( Qel::Counted::isNondestructingFlag_, true );
+    a->flagIs( Qel::Counted::zeroReferencesFlag_, true );
+    EXPECT_TRUE( a->flag( Qel::Counted::isNondestructingFlag_ ) );
+    EXPECT_EQ( 1U, a->references() );
+    a->flagIs( Qel::Counted::isNondestructingFlag_, false );
+    EXPECT_FALSE( a->flag( Qel::Counted::isNondestructingFlag_ ) );
+    EXPECT_TRUE( a->flag( Qel::Counted::zeroReferencesFlag_ ) );
+    a = nullptr;
+    EXPECT_EQ( 1, deaths );
+}
+
+TEST( Ptr, ReferencesTakenByTheDestructorDoNotDestroyAgain ) {
+    static int deaths;
+    deaths = 0;
+    struct Clinging : Qel::Counted {
+        ~Clinging() override {
+            ++deaths;
+            const Qel::Ptr< Clinging > self( this );
+            EXPECT_EQ( 1U, self->references() );
+        }
+    };
+    Qel::Ptr< Clinging > a = new Clinging;
+    a = nullptr;
+    EXPECT_EQ( 1, deaths );
+}
+
+TEST( Ptr, CastsKeepTheObjectOrGiveNull ) {
+    int deaths = 0;
+    const Qel::Ptr< Thing > plain = new Thing( deaths );
+    const Qel::Ptr< Thing > special = new Special( deaths );
+    EXPECT_EQ( nullptr, Qel::ptrCast< Special >( plain ) );
+    const Qel::Ptr< Special > cast = Qel::ptrCast< Special >( special );
+    EXPECT_EQ( special, cast );
+    EXPECT_EQ( 2U, special->references() );
+    const Qel::Ptr< Thing > up = cast;
+    EXPECT_EQ( special.get(), up.get() );
+    EXPECT_EQ( nullptr, Qel::ptrCast< Special >( Qel::Ptr< Thing >() ) );
+}
+
+} // namespace
