@@ -13,7 +13,6 @@
 #include <Dov/WatchDescriptor>
 #include <Qel/Clock>
 #include <Qel/Exception>
-#include <Qel/QelType>
 #include <Qel/System>
 
 namespace {

@@ -11,6 +11,7 @@
 #include <Qel/Exception>
 #include <Qel/GenericIf>
 #include <Qel/Introspection>
+#include <Qel/TypeOf>
 #include <QelKrell/Exception>
 #include <gmock/gmock.h>
 
@@ -22,11 +23,14 @@ using testing::ElementsAre;
 
 class RootPath : public testing::Test {
 protected:
-    RootPath() { std::filesystem::create_directory( directory ); }
+    RootPath() {
+        std::filesystem::create_directory( directory );
+        root = QelKrell::rootPathFactory( directory, false );
+    }
 
     QelKrellTest::Scratch scratch;
     std::string directory = scratch.path( "root" );
-    QelKrell::RootPath::Ptr root = QelKrell::rootPathFactory( directory, false );
+    QelKrell::RootPath::Ptr root;
 };
 
 TEST_F( RootPath, KnowsWhatItWasMadeOf ) {

@@ -7,7 +7,6 @@
 
 #include <Qel/Clock>
 #include <Qel/Exception>
-#include <Qel/QelType>
 
 #include "TraceCapture.h"
 

@@ -4,6 +4,7 @@
 
 #include <Norvo/EntityManager>
 #include <Qel/Exception>
+#include <Qel/QelType>
 
 namespace {
 

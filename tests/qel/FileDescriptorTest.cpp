@@ -13,7 +13,6 @@
 #include <Qel/Clock>
 #include <Qel/Exception>
 #include <Qel/FileDescriptor>
-#include <Qel/QelType>
 #include <Qel/System>
 
 #include "TraceCapture.h"

@@ -5,6 +5,7 @@
 #include <Qel/Exception>
 #include <Qel/GenericIf>
 #include <Qel/Introspection>
+#include <Qel/TypeOf>
 #include <gmock/gmock.h>
 
 namespace {

@@ -8,14 +8,13 @@
 #include <unistd.h>
 
 #include <Qel/Exception>
-#include <Qel/QelType>
 
 namespace Dov {
 
 namespace {
 
-constexpr Qel::U32 watchedEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF |
-                                   IN_MOVE_SELF | IN_CLOSE_WRITE;
+constexpr Qel::U32 watchedEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+                                   IN_DELETE_SELF | IN_MOVE_SELF | IN_CLOSE_WRITE;
 constexpr Qel::S32 lostDescriptor = -1;
 
 } // namespace
@@ -38,9 +37,10 @@ void Inotify::open() {
     if ( fd < 0 ) {
         const int error = errno;
         Qel::throwSystemException( "inotify_init1", "the process's watches", error,
-                                   error == EMFILE ? "the limit fs.inotify.max_user_instances, or that of "
-                                                     "open descriptors, is reached"
-                                                   : "" );
+                                   error == EMFILE
+                                       ? "the limit fs.inotify.max_user_instances, or that of "
+                                         "open descriptors, is reached"
+                                       : "" );
     }
     try {
         file_->descriptorIs( fd );
@@ -88,16 +88,17 @@ Qel::S32 Inotify::add( const Qel::String& path ) {
     const int number = inotify_add_watch( fd_, path.charPtr(), watchedEvents );
     if ( number < 0 ) {
         const int error = errno;
-        Qel::throwSystemException( "inotify_add_watch", "'" + path + "'", error,
-                                   error == ENOSPC ? "the limit fs.inotify.max_user_watches is reached"
-                                                   : "" );
+        Qel::throwSystemException(
+            "inotify_add_watch", "'" + path + "'", error,
+            error == ENOSPC ? "the limit fs.inotify.max_user_watches is reached" : "" );
     }
     return number;
 }
 
 // --- Watches
 
-Inotify::Watches::iterator Inotify::find( Qel::S32 watch, const WatchDescriptor* watcher ) noexcept {
+Inotify::Watches::iterator Inotify::find( Qel::S32 watch,
+                                          const WatchDescriptor* watcher ) noexcept {
     const auto [ first, last ] = watches_.equal_range( watch );
     for ( auto at = first; at != last; ++at ) {
         if ( at->second == watcher ) {
@@ -156,7 +157,8 @@ void Inotify::handleReadable() {
     std::size_t at = 0;
     while ( length > 0 && at + sizeof( inotify_event ) <= std::size_t( length ) ) {
         const auto* const event = reinterpret_cast< const inotify_event* >( buffer.data() + at );
-        if ( !deliver( event->wd, event->mask, event->cookie, event->len > 0 ? event->name : "" ) ) {
+        if ( !deliver( event->wd, event->mask, event->cookie,
+                       event->len > 0 ? event->name : "" ) ) {
             return;
         }
         at += sizeof( inotify_event ) + event->len;

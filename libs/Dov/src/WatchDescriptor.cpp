@@ -1,7 +1,6 @@
 #include <Dov/WatchDescriptor>
 
 #include <Qel/Exception>
-#include <Qel/QelType>
 
 #include "Inotify.h"
 

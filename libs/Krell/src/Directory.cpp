@@ -55,31 +55,41 @@ std::string joined( const std::string& path, const std::string& name ) {
     return path == "/" ? path + name : path + "/" + name;
 }
 
-// The directory `name` below `base`; empty when it is missing. A mode set by us does not depend on
-// the umask.
+// The directory `name` below `base`; empty when it is missing. The mode of one that is made does not
+// depend on the umask.
 Fd openStep( const Fd& base, const std::string& name, const std::string& path, bool make, int flags ) {
+    const char* const entry = name.c_str();
+    Fd fd( openRetried( base.get(), entry, flags ) );
     bool made = false;
-    if ( make ) {
-        made = ::mkdirat( base.get(), name.c_str(), directoryMode ) == 0;
+    if ( !fd && errno == ENOENT && make ) {
+        made = ::mkdirat( base.get(), entry, directoryMode ) == 0;
         if ( !made && errno != EEXIST ) {
-            const int reason = errno; // may be there all the same, on a read-only file system
-            const Fd there( openRetried( base.get(), name.c_str(), flags ) );
-            if ( !there ) {
-                throwSystemFailure( "mkdirat", path, reason );
-            }
+            throwSystemFailure( "mkdirat", path, errno );
         }
-        if ( made ) { // lets us open it where the umask took that right away; repeated below
-            ::fchmodat( base.get(), name.c_str(), directoryMode, AT_SYMLINK_NOFOLLOW );
+        if ( made ) { // for a umask that took the right to open it
+            ::fchmodat( base.get(), entry, directoryMode, AT_SYMLINK_NOFOLLOW );
         }
+        fd.reset( openRetried( base.get(), entry, made ? flags & ~O_PATH : flags ) );
     }
-    Fd fd( openRetried( base.get(), name.c_str(), flags ) );
     if ( !fd && errno != ENOENT ) {
-        throwSystemFailure( "openat", path, reasonOf( base.get(), name.c_str(), errno ) );
+        throwSystemFailure( "openat", path, reasonOf( base.get(), entry, errno ) );
     }
     if ( fd && made && ::fchmod( fd.get(), directoryMode ) != 0 ) {
         throwSystemFailure( "fchmod", path, errno );
     }
     return fd;
+}
+
+// How many leading components of a path are the root's own.
+std::size_t rootDepth( const std::vector< std::string >& components ) {
+    try {
+        const std::vector< std::string > root = componentsOf( RootPath::root() );
+        const bool below = root.size() <= components.size() &&
+                           std::equal( root.begin(), root.end(), components.begin() );
+        return below ? root.size() : 0;
+    } catch ( const InvalidInitializeException& ) {
+        return 0; // an unusable setting is for those to report who use it
+    }
 }
 
 void writeAll( const Fd& file, std::string_view bytes, const std::string& path ) {
@@ -130,19 +140,18 @@ Directory Directory::create( const std::string& path ) {
 Directory Directory::walk( const std::string& path, bool make ) {
     checkPath( path );
     const std::vector< std::string > components = componentsOf( path );
-    const std::vector< std::string > root = componentsOf( RootPath::root() );
-    const bool below = root.size() <= components.size() &&
-                       std::equal( root.begin(), root.end(), components.begin() );
-    const std::size_t trusted = below ? root.size() : 0;
-
-    Directory at( Fd( openRetried( AT_FDCWD, "/", directoryFlags ) ), "/" );
+    const std::size_t trusted = rootDepth( components );
+    const auto flags = [ & ]( std::size_t depth ) { // what is passed through need not be readable
+        return directoryFlags | ( depth < components.size() ? O_PATH : 0 ) |
+               ( depth > trusted ? O_NOFOLLOW : 0 );
+    };
+    Directory at( Fd( openRetried( AT_FDCWD, "/", flags( 0 ) ) ), "/" );
     if ( !at.isOpen() ) {
         throwSystemFailure( "open", "/", errno );
     }
     for ( std::size_t i = 0; i < components.size(); ++i ) {
         const std::string next = joined( at.path_, components[ i ] );
-        const int flags = directoryFlags | ( i < trusted ? 0 : O_NOFOLLOW );
-        at = Directory( openStep( at.fd_, components[ i ], next, make, flags ), next );
+        at = Directory( openStep( at.fd_, components[ i ], next, make, flags( i + 1 ) ), next );
         if ( !at.isOpen() ) {
             return Directory();
         }

@@ -2,7 +2,7 @@
 
 #include <Krell/WriterLock>
 
-#include <algorithm>
+#include <atomic>
 #include <map>
 #include <mutex>
 
@@ -15,6 +15,14 @@ namespace Krell {
 namespace {
 
 constexpr int maxAttempts = 1000;
+
+// How often this process's line of ancestors has forked since it first locked something.
+std::atomic< U32 > forks { 0 };
+
+// Tells this process from its forked ancestors, dead ones whose pid it may have got included. Not 0.
+U64 thisProcess() noexcept {
+    return U64( forks.load( std::memory_order_relaxed ) ) << 32 | U32( ::getpid() );
+}
 
 struct flock wholeFile() {
     struct flock range = {};
@@ -48,7 +56,7 @@ Owner ownerIn( const Fd& file ) {
 class WriterLock::Registry {
 public:
     struct Entry {
-        pid_t pid;                // process that locked; a forked child finds its parent's entries
+        U64 process;              // that locked; a forked child finds its parent's entries
         Fd file;                  // the one descriptor that carries the lock
         Owner owner;              // what stands in the file
         std::vector< Fd > parked; // of the same file under other names: not to be closed before
@@ -56,7 +64,7 @@ public:
 
     static Registry& instance() {
         static Registry* registry = [] {
-            ::pthread_atfork( [] { mutex().lock(); }, [] { mutex().unlock(); }, [] { mutex().unlock(); } );
+            ::pthread_atfork( [] { mutex().lock(); }, [] { mutex().unlock(); }, handleForked );
             return new Registry; // outlives every handle, those of static duration too
         }();
         return *registry;
@@ -72,14 +80,14 @@ public:
         if ( at == entries_.end() ) {
             return nullptr;
         }
-        if ( at->second.pid != ::getpid() ) {
+        if ( at->second.process != thisProcess() ) {
             entries_.erase( at ); // closes our copies of the parent's descriptors; its lock stays
             return nullptr;
         }
         return &at->second;
     }
     void insert( const FileId& id, Fd file, const Owner& owner ) {
-        entries_.insert_or_assign( id, Entry { ::getpid(), std::move( file ), owner, {} } );
+        entries_.insert_or_assign( id, Entry { thisProcess(), std::move( file ), owner, {} } );
     }
     void erase( const FileId& id ) { entries_.erase( id ); }
     // Takes a descriptor that came to a file locked by this process, to keep it open; false, and the
@@ -93,6 +101,11 @@ public:
     }
 
 private:
+    static void handleForked() {
+        forks.fetch_add( 1, std::memory_order_relaxed );
+        mutex().unlock();
+    }
+
     std::map< FileId, Entry > entries_;
 };
 
@@ -184,8 +197,8 @@ WriterLock::settle( const Directory& directory, Registry& registry, Fd file, con
     owner_ = ownerIn( file );
     registry.insert( id, std::move( file ), owner_ );
     id_ = id;
-    lockedBy_ = ::getpid();
-    holder_ = lockedBy_;
+    lockedBy_ = thisProcess();
+    holder_ = ::getpid();
     return Attempt::locked;
 }
 
@@ -198,7 +211,7 @@ void WriterLock::unlock() noexcept {
 }
 
 bool WriterLock::held() const noexcept {
-    return lockedBy_ != 0 && lockedBy_ == ::getpid();
+    return lockedBy_ != 0 && lockedBy_ == thisProcess();
 }
 
 void WriterLock::writeOwner() {
@@ -261,8 +274,10 @@ pid_t WriterLock::holderOf( const Directory& directory ) {
 std::string
 WriterLock::refusalText( const Directory& directory, pid_t holder, const Owner& owner ) {
     std::string who = owner.description();
-    if ( owner.pid != holder && holder > 0 ) {
+    if ( holder > 0 && owner.pid != holder ) {
         who = "pid " + std::to_string( holder );
+    } else if ( owner.empty() ) {
+        who = "a process that has no pid here";
     }
     return directory.path() + " is written by " + who;
 }

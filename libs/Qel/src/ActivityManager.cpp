@@ -1,7 +1,6 @@
 #include <Qel/ActivityManager>
 
 #include <Qel/Exception>
-#include <Qel/QelType>
 
 namespace Qel {
 

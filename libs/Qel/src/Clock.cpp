@@ -6,7 +6,6 @@
 
 #include <Qel/ActivityManager>
 #include <Qel/Exception>
-#include <Qel/QelType>
 
 #include "EventLoop.h"
 
@@ -87,9 +86,7 @@ void Clock::disarm( Seconds time, U64 serial ) noexcept {
 
 // --- Reactors
 
-Clock::Notifiee::~Notifiee() {
-    disarm();
-}
+Clock::Notifiee::~Notifiee() { disarm(); }
 
 void Clock::Notifiee::timeMinIs( Seconds time ) {
     if ( std::isnan( time ) ) {
@@ -119,8 +116,6 @@ void Clock::Notifiee::disarm() noexcept {
     }
 }
 
-Seconds now() {
-    return ActivityManager::activityManager()->config()->clock()->now();
-}
+Seconds now() { return ActivityManager::activityManager()->config()->clock()->now(); }
 
 } // namespace Qel

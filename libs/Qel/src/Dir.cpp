@@ -29,9 +29,7 @@ std::vector< Ptr< Node > > nodesOf( Iterator it ) {
 
 Dir::SubdirNode::SubdirNode( Dir::Ptr dir ) : dir_( std::move( dir ) ), key_( dir_->name() ) {}
 
-Dir::SubdirNode::~SubdirNode() {
-    dispose( std::move( dir_ ) );
-}
+Dir::SubdirNode::~SubdirNode() { dispose( std::move( dir_ ) ); }
 
 // Releases `dir`, which may destroy it, which destroys its nodes, which dispose of its
 // sub-directories: these are put on the list, for the outermost frame to release in its loop.
@@ -72,9 +70,7 @@ Dir::Ptr Dir::globalDir() {
     return *root;
 }
 
-String Dir::fullName() const {
-    return parent_ == this ? String( "/" ) : Entity::fullName();
-}
+String Dir::fullName() const { return parent_ == this ? String( "/" ) : Entity::fullName(); }
 
 String Dir::labelOf( const Name& name ) const {
     return "directory '" + fullName() + "': name '" + name.string() + "'";

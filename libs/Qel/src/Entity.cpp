@@ -28,16 +28,10 @@ String Entity::fullName() const {
     return full;
 }
 
-Qel::Ptr< Dir > Entity::parent() const {
-    return parent_;
-}
+Qel::Ptr< Dir > Entity::parent() const { return parent_; }
 
-void Entity::isNondestructingIs( bool on ) {
-    flagIs( isNondestructingFlag_, on );
-}
+void Entity::isNondestructingIs( bool on ) { flagIs( isNondestructingFlag_, on ); }
 
-void Entity::zeroReferencesIs( bool on ) {
-    flagIs( zeroReferencesFlag_, on );
-}
+void Entity::zeroReferencesIs( bool on ) { flagIs( zeroReferencesFlag_, on ); }
 
 } // namespace Qel

@@ -52,9 +52,7 @@ void addOwn( int epoll, int fd, U64 key ) {
     }
 }
 
-int descriptorOf( U64 id ) noexcept {
-    return int( U32( id ) );
-}
+int descriptorOf( U64 id ) noexcept { return int( U32( id ) ); }
 
 String labelOf( int fd, const FileDescriptor& owner ) {
     return "descriptor " + decimalSigned( fd ) + " ('" + owner.fullName() + "')";
@@ -86,9 +84,7 @@ OwnedFd::OwnedFd( int made, const char* call ) : fd_( made ) {
     }
 }
 
-OwnedFd::~OwnedFd() {
-    close( fd_ );
-}
+OwnedFd::~OwnedFd() { close( fd_ ); }
 
 EventLoop::Descriptors::Descriptors()
     : outer( epoll_create1( EPOLL_CLOEXEC ), "epoll_create1" ),
@@ -103,7 +99,8 @@ EventLoop::Descriptors::Descriptors()
 // --- Made once, and anew in a forked child
 
 EventLoop::EventLoop()
-    : clock_( ActivityManager::activityManager()->config()->clock() ), process_( getpid() ),
+    : clock_( ActivityManager::activityManager()->config()->clock() ),
+      process_( getpid() ),
       descriptors_( new Descriptors ) {
     wakeDescriptor = descriptors_->wake;
     armTimer();
@@ -170,7 +167,16 @@ void EventLoop::stop() noexcept {
 }
 
 bool EventLoop::takeStop() noexcept {
+    if ( !stopFlag ) {
+        return false;
+    }
+    drainWake(); // before the flag: a stop that comes between leaves its event
     return stopFlag.exchange( false );
+}
+
+void EventLoop::drainWake() noexcept {
+    U64 stops = 0;
+    [[maybe_unused]] const ssize_t got = read( descriptors_->wake, &stops, sizeof stops );
 }
 
 // --- Watches
@@ -206,7 +212,8 @@ void EventLoop::unwatch( U64 id ) noexcept {
     }
     const int fd = descriptorOf( id );
     watches_.erase( fd );
-    if ( process_ == getpid() && epoll_ctl( *descriptors_->inner, EPOLL_CTL_DEL, fd, nullptr ) != 0 ) {
+    if ( process_ == getpid() &&
+         epoll_ctl( *descriptors_->inner, EPOLL_CTL_DEL, fd, nullptr ) != 0 ) {
         isInnerStale_ = true; // closed; a duplicate of it may live on in the set
     }
 }
@@ -306,19 +313,22 @@ bool EventLoop::turn( Seconds maxSeconds ) {
     }
     armTimer();
     std::array< epoll_event, 3 > ready;
-    const int count =
-        epoll_wait( descriptors_->outer, ready.data(), int( ready.size() ), millisecondsOf( maxSeconds ) );
+    const int count = epoll_wait( descriptors_->outer, ready.data(), int( ready.size() ),
+                                  millisecondsOf( maxSeconds ) );
     if ( count < 0 && errno != EINTR ) {
         throwSystemException( "epoll_wait", "the event loop", errno );
     }
     bool isInnerReady = false;
     for ( int i = 0; i < count; ++i ) {
         switch ( ready[ std::size_t( i ) ].data.u64 ) {
-        case innerKey: isInnerReady = true; break;
-        case timerKey: timerTime_ = std::numeric_limits< Seconds >::quiet_NaN(); break;
+        case innerKey:
+            isInnerReady = true;
+            break;
+        case timerKey:
+            timerTime_ = std::numeric_limits< Seconds >::quiet_NaN();
+            break;
         default:
-            U64 stops = 0;
-            [[maybe_unused]] const ssize_t got = read( descriptors_->wake, &stops, sizeof stops );
+            drainWake();
         }
     }
     const bool woken = clock_->runDue() > 0;

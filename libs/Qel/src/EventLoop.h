@@ -42,7 +42,7 @@ public:
 
     static void stop() noexcept;
     // Whether a stop was asked for; forgets it.
-    static bool takeStop() noexcept;
+    bool takeStop() noexcept;
 
     // Watches `fd`, which nobody watches yet, and returns the watch's number, never 0. When the number
     // was that of a closed file that is still being watched, `former` is who did: it is without
@@ -92,6 +92,7 @@ private:
     bool dropClosed();
     void armTimer() noexcept;
     bool serveDescriptors();
+    void drainWake() noexcept;
 
     const Clock::Ptr clock_;
     int process_; // whose descriptors these are

@@ -38,8 +38,8 @@ void traceUnexpected( const String& msg, const Exception::IdBitArray& ids ) {
     if ( enabled || coverageStream_ ) {
         std::stringstream text;
         text << "unexpected exception {" << idText( ids ) << "}: " << msg;
-        traceHelper( trace().name(), "<unknown>", text, unexpectedLevel, enabled, unexpectedAt.source,
-                     unexpectedAt.line, unexpectedAt.function );
+        traceHelper( trace().name(), "<unknown>", text, unexpectedLevel, enabled,
+                     unexpectedAt.source, unexpectedAt.line, unexpectedAt.function );
     }
 }
 
@@ -59,16 +59,13 @@ Exception::Exception( const String& msg, const IdBitArray& ids, bool traced )
 Exception::Exception( const Exception& ) = default;
 Exception::~Exception() = default;
 
-U32 Exception::id() const noexcept {
-    return otherId_;
-}
+U32 Exception::id() const noexcept { return otherId_; }
 
-const char* Exception::what() const noexcept {
-    return msg_.charPtr();
-}
+const char* Exception::what() const noexcept { return msg_.charPtr(); }
 
 #define QEL_EXCEPTION_MEMBERS( NAME, BASE )                                                        \
-    NAME::NAME( const String& msg, const IdBitArray& ids, bool traced ) : BASE( msg, ids, traced ) {} \
+    NAME::NAME( const String& msg, const IdBitArray& ids, bool traced )                            \
+        : BASE( msg, ids, traced ) {}                                                              \
     NAME::~NAME() = default;                                                                       \
     U32 NAME::id() const noexcept { return id_; }
 
@@ -97,7 +94,10 @@ void throwRangeException( const String& typeName, const String& detail ) {
     throw RangeException( typeName + ": " + detail );
 }
 
-void throwSystemException( const String& call, const String& object, int error, const String& hint ) {
+void throwSystemException( const String& call,
+                           const String& object,
+                           int error,
+                           const String& hint ) {
     const String text = call + " of " + object + ": " + std::generic_category().message( error ) +
                         " (errno " + decimalSigned( error ) + ")";
     throw SystemException( hint.empty() ? text : text + " - " + hint );
@@ -108,9 +108,7 @@ ExpectException::ExpectException( const Exception::IdBitArray& ids ) noexcept
     innermostGuard = this;
 }
 
-ExpectException::~ExpectException() {
-    innermostGuard = outer_;
-}
+ExpectException::~ExpectException() { innermostGuard = outer_; }
 
 bool ExpectException::expected( const Exception::IdBitArray& ids ) noexcept {
     for ( const ExpectException* guard = innermostGuard; guard; guard = guard->outer_ ) {

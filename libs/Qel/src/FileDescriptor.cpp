@@ -1,7 +1,6 @@
 #include <Qel/FileDescriptor>
 
 #include <Qel/Exception>
-#include <Qel/QelType>
 
 #include "EventLoop.h"
 
@@ -9,9 +8,7 @@ namespace Qel {
 
 FileDescriptor::FileDescriptor( const Name& name ) : Entity( name ) {}
 
-FileDescriptor::~FileDescriptor() {
-    unwatch();
-}
+FileDescriptor::~FileDescriptor() { unwatch(); }
 
 void FileDescriptor::unwatch() noexcept {
     if ( watch_ != 0 ) {

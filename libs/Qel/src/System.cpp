@@ -13,7 +13,7 @@ System::RunEnd System::doRun() {
     const ActivityManagerConfig::Ptr config = ActivityManager::activityManager()->config();
     const Seconds start = now();
     for ( bool first = true;; first = false ) {
-        if ( EventLoop::takeStop() ) {
+        if ( loop.takeStop() ) {
             return stopped_;
         }
         const Seconds left = config->executionTime() - ( now() - start );
@@ -28,9 +28,7 @@ System::RunEnd System::doRun() {
     }
 }
 
-void System::stop() noexcept {
-    EventLoop::stop();
-}
+void System::stop() noexcept { EventLoop::stop(); }
 
 bool System::runOnce( Seconds maxSeconds ) {
     if ( !( maxSeconds >= 0 ) ) {
@@ -41,8 +39,6 @@ bool System::runOnce( Seconds maxSeconds ) {
     return loop.turn( maxSeconds );
 }
 
-int System::descriptor() {
-    return EventLoop::eventLoop().descriptor();
-}
+int System::descriptor() { return EventLoop::eventLoop().descriptor(); }
 
 } // namespace Qel

@@ -203,7 +203,8 @@ void traceSinkIs( TraceSink sink ) {
 void traceObserverIs( TraceObserver observer ) {
     Output& out = output();
     const std::lock_guard guard( out.mutex );
-    out.observer = observer ? std::make_shared< const TraceObserver >( std::move( observer ) ) : nullptr;
+    out.observer =
+        observer ? std::make_shared< const TraceObserver >( std::move( observer ) ) : nullptr;
 }
 
 String escapedTraceString( const String& text ) {
@@ -212,10 +213,18 @@ String escapedTraceString( const String& text ) {
     for ( const char c : text.stdString() ) {
         const auto byte = U8( c );
         switch ( c ) {
-        case '\n': escaped += "\\n"; break;
-        case '\r': escaped += "\\r"; break;
-        case '\t': escaped += "\\t"; break;
-        case '\\': escaped += "\\\\"; break;
+        case '\n':
+            escaped += "\\n";
+            break;
+        case '\r':
+            escaped += "\\r";
+            break;
+        case '\t':
+            escaped += "\\t";
+            break;
+        case '\\':
+            escaped += "\\\\";
+            break;
         default:
             if ( byte < 0x20 || byte == 0x7f ) {
                 escaped += "\\x";
@@ -253,7 +262,8 @@ void traceHelper( const String& handleName,
         *coverageStream_ << escaped << "\n" << std::flush;
     }
     if ( enabled ) {
-        formatAndWriteTraceString( handleName, source, line, function, objectLabel, escaped, level );
+        formatAndWriteTraceString( handleName, source, line, function, objectLabel, escaped,
+                                   level );
     }
 }
 

@@ -22,9 +22,7 @@ int levelOf( std::string_view text ) {
     return text.size() == 1 && text[ 0 ] >= '0' && text[ 0 ] <= '9' ? text[ 0 ] - '0' : -1;
 }
 
-String quoted( std::string_view text ) {
-    return "'" + String( text ) + "'";
-}
+String quoted( std::string_view text ) { return "'" + String( text ) + "'"; }
 
 } // namespace
 

@@ -1,0 +1,132 @@
+#include <Krell/BucketArray>
+
+#include <algorithm>
+
+#include <Krell/CrashPoint>
+
+namespace Krell {
+
+using Dov::Atomics::loadRelaxed;
+using Dov::Atomics::storeRelaxed;
+using Dov::Atomics::storeRelease;
+
+BucketArray BucketArray::inUse( Segments& segments ) {
+    const TableWord table = segments.table();
+    const U64 line = table.line();
+    if ( table.log2() <= TableWord::log2Limit_ && line + 1 + table.primaries() <= segments.linesMapped() ) {
+        const ArrayHead& head = *reinterpret_cast< const ArrayHead* >( &segments.lines()[ line ] );
+        const U32 lines = loadRelaxed( &head.lines );
+        if ( loadRelaxed( &head.generation ) == table.generation() &&
+             loadRelaxed( &head.log2 ) == table.log2() && lines > table.primaries() &&
+             line + lines <= segments.linesMapped() ) {
+            return BucketArray( segments, line, table.log2(), lines );
+        }
+    }
+    throw CorruptionDetectedException( segments.place() + ": table word " +
+                                       std::to_string( table.word() ) + " names no bucket array" );
+}
+
+U32 BucketArray::usualOverflow( unsigned log2 ) noexcept {
+    return std::max( U32( 4 ), ( U32( 1 ) << log2 ) / 8 );
+}
+
+unsigned BucketArray::log2For( U64 entries ) noexcept {
+    unsigned log2 = 0;
+    while ( log2 < TableWord::log2Limit_ && ( U64( load_ ) << log2 ) < entries ) {
+        ++log2;
+    }
+    return log2;
+}
+
+// In front of the present array if it fits there, else behind it: arrays of one size take turns, and
+// arrays that double leave a file of twice the last one's size.
+BucketArray BucketArray::beside( const BucketArray& present, unsigned log2, U32 overflow ) {
+    Segments& segments = *present.segments_;
+    const U64 lines = 1 + ( U64( 1 ) << log2 ) + overflow;
+    if ( log2 > TableWord::log2Limit_ || lines > 0xffffffffu ) {
+        throw MemoryLimitException( segments.place() + ": a bucket array of " + std::to_string( lines ) +
+                                    " lines is more than the format allows" );
+    }
+    const U64 line = lines <= present.line_ ? 0 : present.line_ + present.lines_;
+    KRELL_CRASH_POINT( "array: before it is allocated" );
+    if ( line + lines > segments.linesMapped() ) {
+        segments.growBuckets( line + lines );
+    }
+    KRELL_CRASH_POINT( "array: allocated" );
+    BucketArray array( segments, line, log2, U32( lines ) );
+    array.erase();
+    return array;
+}
+
+void BucketArray::erase() {
+    U64* const words = reinterpret_cast< U64* >( &bucket( line_ ) );
+    const std::size_t count = std::size_t( lines_ ) * ( sizeof( Bucket ) / sizeof( U64 ) );
+    for ( std::size_t i = 0; i < count; ++i ) {
+        storeRelaxed( words + i, 0 );
+    }
+}
+
+std::optional< BucketArray::Place > BucketArray::room( U32 hash ) {
+    U64 line = primary( hash );
+    for ( U32 steps = 0;; ++steps ) {
+        Bucket& at = bucket( line );
+        if ( const unsigned empty = Tags( at ).matches( 0 ) ) {
+            return Place { line, unsigned( std::countr_zero( empty ) ), Segments::noIndex_ };
+        }
+        U32 link = loadRelaxed( &at.link );
+        if ( link == 0 ) {
+            if ( overflowUsed_ == overflowLines() ) {
+                return std::nullopt;
+            }
+            link = 1 + ( U32( 1 ) << log2_ ) + overflowUsed_++;
+            storeRelease( &at.link, link ); // SYNC( bucket-link )
+            KRELL_CRASH_POINT( "array: overflow linked" );
+        } else if ( link >= lines_ || steps > lines_ ) {
+            wild( "link", link );
+        }
+        line = line_ + link;
+    }
+}
+
+void BucketArray::put( const Place& place, U32 hash, U32 slot ) {
+    storeRelease( &bucket( place.line ).slots[ place.place ], slot );
+    KRELL_CRASH_POINT( "array: index stored" );
+    tagIs( place, Tags::tagOf( hash ) );
+}
+
+void BucketArray::clear( const Place& place ) {
+    tagIs( place, 0 );
+}
+
+// One store of the whole word, for there is one writer. SYNC( bucket-entry )
+void BucketArray::tagIs( const Place& place, U32 tag ) {
+    Bucket& at = bucket( place.line );
+    if ( place.place < 8 ) {
+        const unsigned shift = place.place * 8;
+        const U64 rest = loadRelaxed( &at.tagsLow ) & ~( U64( 0xff ) << shift );
+        storeRelease( &at.tagsLow, rest | ( U64( tag ) << shift ) );
+    } else {
+        const unsigned shift = ( place.place - 8 ) * 8;
+        const U32 rest = loadRelaxed( &at.tagsHigh ) & ~( U32( 0xff ) << shift );
+        storeRelease( &at.tagsHigh, rest | ( tag << shift ) );
+    }
+}
+
+void BucketArray::publish() {
+    const U32 generation = ( segments_->table().generation() + 1 ) & 0xffffffu;
+    ArrayHead& head = *reinterpret_cast< ArrayHead* >( &bucket( line_ ) );
+    storeRelaxed( &head.generation, generation );
+    storeRelaxed( &head.log2, log2_ );
+    storeRelaxed( &head.lines, lines_ );
+    KRELL_CRASH_POINT( "array: built" );
+    const TableWord table( generation, log2_, line_ );
+    storeRelease( &segments_->bucketsHeader().tableWord, table.word() ); // SYNC( table-word )
+    KRELL_CRASH_POINT( "array: published" );
+}
+
+void BucketArray::wild( const char* what, U64 number ) const {
+    throw CorruptionDetectedException( segments_->place() + ": the bucket array names " + what + " " +
+                                       std::to_string( number ) + ", which is out of range" );
+}
+
+} // namespace Krell

@@ -1,0 +1,119 @@
+#include <Krell/ReaderTable>
+
+namespace Krell {
+
+namespace {
+
+[[noreturn]] void corrupt( const Segments& segments, const std::string& what ) {
+    throw CorruptionDetectedException( segments.place() + ": " + what );
+}
+
+} // namespace
+
+// The record is the change in flight, for a slot that was seen being written (SYNC( lookaside )): it
+// was whole before that version was stored, and it is used again only after the next version is.
+bool ReaderTable::readLookaside( U32 index, SlotVersion seen, U64* value ) {
+    using Dov::Atomics::loadAcquire;
+    const LookasideHead& record = segments_->lookaside();
+    const Layout& layout = segments_->layout();
+    const U64 version = loadAcquire( &record.version );
+    const U32 slot = loadAcquire( &record.slot );
+    const SlotVersion newVersion( loadAcquire( &record.newVersion ) );
+    loadWords( value, payloadOf( &record ) + layout.keyWords(), layout.valueWords() );
+    const bool stable = version % 2 == 0 && loadAcquire( &record.version ) == version;
+    if ( versionOf( segments_->slot( index ) ) != seen ) {
+        return false;
+    }
+    if ( !stable || slot != index || newVersion.sequence() <= seen.sequence() ) {
+        corrupt( *segments_, "slot " + std::to_string( index ) +
+                                 " is being written, but the lookaside record is not its own" );
+    }
+    ++usedLookaside_;
+    return true;
+}
+
+ReaderTable::Walk ReaderTable::beyondLines( TableWord table, U64 line ) {
+    if ( segments_->table() != table || ( remap() && line < segments_->linesMapped() ) ) {
+        return Walk::again;
+    }
+    if ( segments_->table() != table ) {
+        return Walk::again;
+    }
+    corrupt( *segments_, "a chain leads to bucket line " + std::to_string( line ) + " of " +
+                             std::to_string( segments_->linesMapped() ) + ", or does not end" );
+}
+
+ReaderTable::Walk ReaderTable::beyondSlots( TableWord table, U32 index ) {
+    if ( index < slotCount() || segments_->table() != table ) {
+        return Walk::again;
+    }
+    corrupt( *segments_, "a bucket names slot " + std::to_string( index ) + " of " +
+                             std::to_string( segments_->slotsMapped() ) );
+}
+
+void ReaderTable::startOver( U32& patience ) {
+    ++chainRestarts_;
+    if ( --patience == 0 ) {
+        corrupt( *segments_, "the contents do not hold still" );
+    }
+}
+
+SlotVersion ReaderTable::look( U32 index, U64* key ) {
+    if ( !segments_ || ( index >= segments_->slotsMapped() && index >= slotCount() ) ) {
+        return SlotVersion( 0 );
+    }
+    const SlotHead* const slot = segments_->slot( index );
+    for ( U32 patience = patience_;; startOver( patience ) ) {
+        const SlotVersion seen = versionOf( slot );
+        if ( seen.state() == SlotVersion::invalid ) {
+            corrupt( *segments_, "slot " + std::to_string( index ) + " has no valid state" );
+        }
+        if ( seen.state() == SlotVersion::free || ( seen.writing() && !seen.isOccupied() ) ) {
+            return seen;
+        }
+        loadWords( key, payloadOf( slot ), segments_->layout().keyWords() );
+        if ( versionOf( slot ) == seen ) {
+            return seen;
+        }
+    }
+}
+
+U32 ReaderTable::slotCount() {
+    if ( !segments_ ) {
+        return 0;
+    }
+    const U32 count = segments_->slotCount();
+    if ( count > segments_->slotsMapped() ) {
+        remap();
+        if ( count > segments_->slotsMapped() ) {
+            corrupt( *segments_, std::to_string( count ) + " slots are counted, but the file has " +
+                                     std::to_string( segments_->slotsMapped() ) );
+        }
+    }
+    return count;
+}
+
+U32 ReaderTable::occupied() const noexcept {
+    return segments_ ? Dov::Atomics::loadAcquire( &segments_->header().occupiedSlots ) : 0;
+}
+
+U64 ReaderTable::sequence() const noexcept {
+    return segments_ ? Dov::Atomics::loadAcquire( segments_->sequenceWord() ) : 0; // SYNC( sequence )
+}
+
+bool ReaderTable::remap() {
+    if ( !segments_ ) {
+        return false;
+    }
+    const U32 slots = segments_->slotsMapped();
+    const U64 lines = segments_->linesMapped();
+    if ( !segments_->remap() ) {
+        throw RuntimeException( segments_->place() +
+                                ": a new incarnation replaced the files that are read" );
+    }
+    const bool grown = segments_->slotsMapped() > slots || segments_->linesMapped() > lines;
+    slotResizes_ += grown;
+    return grown;
+}
+
+} // namespace Krell
