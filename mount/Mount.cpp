@@ -44,6 +44,7 @@ Krell::Platform::DebugHandler& mountHandler() {
     return *handler;
 }
 
+Mount::Mount() = default;
 Mount::Mount( const Qel::Ptr< const Norvo::EntityManager >& em,
               const Qel::Dir::Ptr& krellDir,
               const Qel::String8& rootPath,

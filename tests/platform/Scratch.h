@@ -2,18 +2,23 @@
 
 #pragma once
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <system_error>
+
+#include <unistd.h>
 
 namespace QelKrellTest {
 
 class Scratch {
 public:
     Scratch() {
-        std::string pattern =
-            ( std::filesystem::temp_directory_path() / "qelkrell-XXXXXX" ).string();
+        const bool inMemory = access( "/dev/shm", W_OK | X_OK ) == 0;
+        const std::filesystem::path parent =
+            inMemory ? std::filesystem::path( "/dev/shm" ) : std::filesystem::temp_directory_path();
+        std::string pattern = ( parent / "qelkrell-XXXXXX" ).string();
         if ( !mkdtemp( pattern.data() ) ) {
             throw std::system_error( errno, std::generic_category(), "mkdtemp" );
         }

@@ -146,19 +146,28 @@ void Segments::makeHeaders( U32 fenix, U32 slots ) {
 }
 
 bool Segments::attach( Dov::SharedMem::Mode mode, std::string& why ) {
-    for ( KrellMem* mem : { slotsMem_.get(), bucketsMem_.get() } ) {
-        if ( !mem->attach( 0, mode ) ) {
-            const int error = mem->errorNumber();
-            why = mem->errorText();
-            if ( error != ENOENT && error != ENODATA ) {
-                fail( *mem );
-            }
-            detach();
-            return false;
+    return attachSlots( mode, why ) && attachOne( *bucketsMem_, mode, why );
+}
+
+bool Segments::attachSlots( Dov::SharedMem::Mode mode, std::string& why ) {
+    return attachOne( *slotsMem_, mode, why );
+}
+
+bool Segments::attachOne( KrellMem& mem, Dov::SharedMem::Mode mode, std::string& why ) {
+    if ( !mem.attach( 0, mode ) ) {
+        if ( mem.errorNumber() != ENOENT && mem.errorNumber() != ENODATA ) {
+            fail( mem );
         }
+        why = mem.errorText();
+        return false;
     }
     locate();
     return true;
+}
+
+bool Segments::hasSlotHeader() const noexcept {
+    static constexpr char magic[ 8 ] = { 'K', 'R', 'E', 'L', 'L', 'S', 'L', 'T' };
+    return header_ && std::memcmp( header_->magic, magic, sizeof magic ) == 0;
 }
 
 void Segments::detach() {
@@ -335,6 +344,10 @@ bool Segments::remap() {
 
 U64* Segments::sequenceWord() const noexcept {
     return &header_->sequence;
+}
+
+U32 Segments::fenix() const noexcept {
+    return load32( &header_->fenix );
 }
 
 U32 Segments::flags() const noexcept {

@@ -1,0 +1,242 @@
+#include <Krell/WriterTable>
+
+#include <algorithm>
+
+#include <pthread.h>
+
+namespace Krell {
+
+using Dov::Atomics::loadRelaxed;
+using Dov::Atomics::storeRelaxed;
+using Dov::Atomics::storeRelease;
+
+#ifdef KRELL_CRASH_POINTS
+void ( *crashPointHandler )( const char* name ) = nullptr;
+#endif
+
+U32 forkCount = 0;
+
+namespace {
+
+constexpr U32 noIndex = Segments::noIndex_;
+
+// The retired slots that wait before the oldest of them is used again, while the table can grow.
+constexpr U32 reuseDelay( U32 slots ) {
+    return std::max( U32( 1 ), slots / 16 );
+}
+
+[[maybe_unused]] const int forkWatch = pthread_atfork( nullptr, nullptr, [] { ++forkCount; } );
+
+} // namespace
+
+WriterTable::WriterTable( Segments& segments )
+    : segments_( segments ), array_( BucketArray::inUse( segments ) ), count_( segments.slotCount() ),
+      occupied_( segments.header().occupiedSlots ), free_( segments.header().freeSlots ),
+      retiredFirst_( segments.header().retiredFirst ), retiredLast_( segments.header().retiredLast ),
+      retiredCount_( segments.header().retiredCount ), sequence_( *segments.sequenceWord() ),
+      lookasideVersion_( segments.lookaside().version ), forks_( forkCount ) {}
+
+void WriterTable::insert( U32 hash, const U64* key, const U64* value ) {
+    ensureSlot();
+    const BucketArray::Place place = roomFor( hash );
+    const U32 index = takeSlot();
+    KRELL_CRASH_POINT( "insert: slot taken" );
+    fill( segments_.slot( index ), hash, key, value );
+    KRELL_CRASH_POINT( "insert: slot filled" );
+    array_.put( place, hash, index );
+    KRELL_CRASH_POINT( "insert: tag stored" );
+    ++occupied_;
+    ++slotAllocs_;
+    ++inserts_;
+    headerChanged();
+    KRELL_CRASH_POINT( "insert: header stored" );
+    changed( sequence_ + 1 );
+}
+
+// Nobody reaches the slot by its new key before the bucket names it; by its old key it is not
+// occupied already.
+void WriterTable::fill( SlotHead* slot, U32 hash, const U64* key, const U64* value ) {
+    const Layout& layout = segments_.layout();
+    const SlotVersion old( loadRelaxed( &slot->version ) );
+    storeRelease( &slot->version, old.whileWriting().word() );
+    KRELL_CRASH_POINT( "insert: slot marked" );
+    storeWords( payloadOf( slot ), key, layout.keyWords() );
+    KRELL_CRASH_POINT( "insert: key written" );
+    storeRelease( &slot->hash, hash );
+    storeWords( payloadOf( slot ) + layout.keyWords(), value, layout.valueWords() );
+    KRELL_CRASH_POINT( "insert: value written" );
+    storeRelease( &slot->version, SlotVersion( sequence_ + 1, SlotVersion::occupied ).word() );
+}
+
+void WriterTable::remove( const BucketArray::Place& place ) {
+    const SlotVersion dead( sequence_ + 1, SlotVersion::dead );
+    KRELL_CRASH_POINT( "delete: begun" );
+    storeRelease( &segments_.slot( place.slot )->version, dead.word() );
+    KRELL_CRASH_POINT( "delete: slot dead" );
+    array_.clear( place );
+    KRELL_CRASH_POINT( "delete: tag cleared" );
+    --occupied_;
+    ++slotDeallocs_;
+    retire( place.slot );
+    KRELL_CRASH_POINT( "delete: slot retired" );
+    headerChanged();
+    KRELL_CRASH_POINT( "delete: header stored" );
+    changed( dead.sequence() );
+}
+
+BucketArray::Place WriterTable::roomFor( U32 hash ) {
+    if ( occupied_ >= ( U64( BucketArray::load_ ) << array_.log2() ) &&
+         array_.log2() < TableWord::log2Limit_ ) {
+        try {
+            rebuild( array_.log2() + 1, BucketArray::usualOverflow( array_.log2() + 1 ) );
+        } catch ( const MemoryResourceException& ) {
+        } catch ( const MemoryLimitException& ) { // a place in the present array does as well
+        }
+    }
+    for ( ;; ) {
+        if ( const auto place = array_.room( hash ) ) {
+            return *place;
+        }
+        // Many keys: more buckets. Few, which collide: longer chains.
+        const bool full = occupied_ >= ( U64( BucketArray::load_ / 2 ) << array_.log2() ) &&
+                          array_.log2() < TableWord::log2Limit_;
+        const unsigned log2 = array_.log2() + full;
+        rebuild( log2, std::max( BucketArray::usualOverflow( log2 ), 2 * array_.overflowLines() ) );
+    }
+}
+
+void WriterTable::rebuild( unsigned log2, U32 overflow ) {
+    for ( ;; overflow *= 2 ) {
+        BucketArray next = BucketArray::beside( array_, log2, overflow );
+        if ( copyEntries( next ) ) {
+            next.publish();
+            array_ = next;
+            return;
+        }
+    }
+}
+
+bool WriterTable::copyEntries( BucketArray& to ) const {
+    for ( U32 index = 0; index < count_; ++index ) {
+        const SlotHead* const slot = segments_.slot( index );
+        if ( SlotVersion( loadRelaxed( &slot->version ) ).isOccupied() ) {
+            const U32 hash = loadRelaxed( &slot->hash );
+            const auto place = to.room( hash );
+            if ( !place ) {
+                return false;
+            }
+            to.put( *place, hash, index );
+        }
+    }
+    return true;
+}
+
+void WriterTable::reserve( U32 slots ) {
+    refuseForked();
+    if ( slots > count_ ) {
+        growTo( slots );
+    }
+    const unsigned log2 = BucketArray::log2For( slots );
+    if ( log2 > array_.log2() ) {
+        rebuild( log2, BucketArray::usualOverflow( log2 ) );
+    }
+}
+
+bool WriterTable::grow() {
+    refuseForked();
+    const U32 most = Segments::maxSlotsOf( segments_.layout() );
+    if ( count_ >= most ) {
+        return false;
+    }
+    growTo( U32( std::min< U64 >( most, std::max< U64 >( 1, U64( count_ ) * 2 ) ) ) );
+    return true;
+}
+
+// Readers map the file anew when they meet an index beyond what they have mapped.
+void WriterTable::growTo( U32 slots ) {
+    KRELL_CRASH_POINT( "slots: before they are allocated" );
+    segments_.growSlots( slots );
+    KRELL_CRASH_POINT( "slots: allocated" );
+    const U32 before = count_;
+    count_ = slots;
+    segments_.slotCountIs( slots ); // SYNC( slot-count )
+    KRELL_CRASH_POINT( "slots: count published" );
+    if ( free_ == noIndex ) {
+        free_ = before;
+    }
+    headerChanged();
+    KRELL_CRASH_POINT( "slots: header stored" );
+}
+
+bool WriterTable::slotAtHand() const noexcept {
+    return free_ != noIndex || retiredCount_ >= reuseDelay( count_ );
+}
+
+void WriterTable::ensureSlot() {
+    if ( slotAtHand() ) {
+        return;
+    }
+    try {
+        if ( grow() || retiredCount_ > 0 ) {
+            return;
+        }
+    } catch ( const MemoryResourceException& ) {
+        if ( retiredCount_ > 0 ) {
+            return; // reused sooner than readers would like
+        }
+        throw;
+    }
+    throw MemoryLimitException( segments_.place() + ": all " + std::to_string( count_ ) +
+                                " slots are occupied, and there cannot be more" );
+}
+
+U32 WriterTable::takeSlot() {
+    const U32 index = free_ != noIndex ? takeFree() : takeRetired();
+    if ( SlotVersion( loadRelaxed( &segments_.slot( index )->version ) ).isOccupied() ) {
+        throw CorruptionDetectedException( segments_.place() + ": slot " + std::to_string( index ) +
+                                           " is listed as free, but is occupied" );
+    }
+    return index;
+}
+
+U32 WriterTable::takeFree() {
+    const U32 index = free_;
+    const U32 link = loadRelaxed( &segments_.slot( index )->link );
+    const U32 next = link ? link - 1 : index + 1;
+    free_ = next < count_ ? next : noIndex;
+    return index;
+}
+
+U32 WriterTable::takeRetired() {
+    const U32 index = retiredFirst_;
+    const U32 link = loadRelaxed( &segments_.slot( index )->link );
+    retiredFirst_ = link && link <= count_ ? link - 1 : noIndex;
+    if ( --retiredCount_ == 0 ) {
+        retiredFirst_ = retiredLast_ = noIndex;
+    }
+    return index;
+}
+
+void WriterTable::retire( U32 index ) {
+    storeRelaxed( &segments_.slot( index )->link, 0 );
+    if ( retiredCount_++ == 0 ) {
+        retiredFirst_ = index;
+    } else {
+        storeRelaxed( &segments_.slot( retiredLast_ )->link, index + 1 );
+    }
+    retiredLast_ = index;
+}
+
+// Each store leaves a header that is valid: counts and indices stay below the slot count, which
+// comes first when it grows.
+void WriterTable::headerChanged() {
+    Segments::SlotHeader& header = segments_.header();
+    storeRelease( &header.occupiedSlots, occupied_ );
+    storeRelease( &header.freeSlots, free_ );
+    storeRelease( &header.retiredFirst, retiredFirst_ );
+    storeRelease( &header.retiredLast, retiredLast_ );
+    storeRelease( &header.retiredCount, retiredCount_ );
+    segments_.slotCountIs( count_ );
+}
+
+} // namespace Krell
