@@ -40,7 +40,7 @@ inline std::string hexOf( std::string_view bytes ) {
 inline constexpr const char* pythonChecker = R"(
 import math, struct, sys
 env = {'__builtins__': {'float': float, 'True': True, 'False': False, 'None': None},
-       'Value': lambda name, **attributes: (name, attributes),
+       'Value': lambda *name, **attributes: (name, attributes),
        'Pointer': lambda name, address: (name, address),
        'Entity': lambda name, path: (name, path)}
 def check(kind, text, expected):

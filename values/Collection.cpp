@@ -16,6 +16,19 @@ CollectionCore::CollectionCore( Qel::Entity& entity, const char* name, const Kre
 
 CollectionCore::~CollectionCore() = default;
 
+void CollectionCore::close() noexcept {
+    try {
+        detach();
+    } catch ( const Krell::Exception& e ) {
+        handleFailed( e );
+    }
+}
+
+void CollectionCore::timeout() {
+    const Qel::Ptr< CollectionCore > self( this );
+    Krell::Control::timeout();
+}
+
 std::string CollectionCore::collectionPath() const {
     const std::string entityPath = entity_.fullName().stdString();
     return ( entityPath.starts_with( '/' ) ? entityPath.substr( 1 ) : entityPath ) + "/" + name_.stdString();

@@ -95,7 +95,7 @@ bool CollectionControl::validate() {
     return control_->validate();
 }
 
-unsigned long long CollectionControl::sequence() const {
+Qel::U64 CollectionControl::sequence() const {
     return control_->sequence();
 }
 

@@ -12,6 +12,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <Krell/Exception>
+
 namespace KrellTest {
 
 namespace {

@@ -1,6 +1,7 @@
 // The mount manager: its value, its initialisation, the lookups and the directory walk.
 
 #include <Qel/Describe>
+#include <QelKrell/Exception>
 #include <QelKrell/KrellMount>
 
 #include <sstream>

@@ -3,6 +3,7 @@
 #include "writerunlock/Watching.h"
 
 #include <filesystem>
+#include <fstream>
 
 #include <Krell/Directory>
 #include <Krell/WriterLock>
@@ -128,6 +129,40 @@ TEST_F( Release, AFastSuccessorOfALivingProcessIsOneRelease ) {
     EXPECT_EQ( counter->count(), 1u );
     first.kill();
     expectStaysAt( 1 );
+}
+
+// A writer with that process id, or null where the system does not let one choose.
+std::unique_ptr< Writer > writerOf( const std::string& directory, pid_t pid ) {
+    constexpr int attempts = 100; // others may fork in between
+    for ( int i = 0; i < attempts; ++i ) {
+        std::ofstream last( "/proc/sys/kernel/ns_last_pid" );
+        last << pid - 1 << std::flush;
+        if ( !last ) {
+            break;
+        }
+        auto writer = std::make_unique< Writer >( directory );
+        if ( writer->pid() == pid ) {
+            return writer;
+        }
+    }
+    return nullptr;
+}
+
+TEST_F( Release, ASuccessorOfTheSameProcessIdIsOneRelease ) {
+    Writer first( directory );
+    const pid_t pid = first.pid();
+    sm->connectedIs( true );
+    first.kill();
+    const auto second = writerOf( directory, pid );
+    if ( !second ) {
+        GTEST_SKIP() << "process ids cannot be chosen here";
+    }
+    turn();
+    EXPECT_EQ( counter->count(), 1u );
+    expectStaysAt( 1 );
+    second->kill();
+    turn();
+    EXPECT_EQ( counter->count(), 2u );
 }
 
 TEST_F( Release, AHundredTakeoversAreAHundredReleases ) {

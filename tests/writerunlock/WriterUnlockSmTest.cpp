@@ -44,7 +44,8 @@ protected:
     // The messages that are not the root path's own.
     std::vector< Message > taken() {
         std::vector< Message > messages = tracing.taken();
-        std::erase_if( messages, []( const Message& m ) { return m.text.starts_with( "RootPath::" ); } );
+        std::erase_if( messages,
+                       []( const Message& m ) { return m.text.starts_with( "RootPath::" ); } );
         return messages;
     }
     std::vector< std::string > log;
@@ -99,9 +100,8 @@ TEST_F( WriterUnlockSm, AnEmptyInstanceNameIsNone ) {
     tracing.settingsAre( "KrellWriterUnlock/5" );
     sm = QelKrell::writerUnlockSmFactory( directory, "", counter );
     EXPECT_EQ( sm->instanceName(), "" );
-    EXPECT_EQ( taken().at( 0 ).text,
-               "QelKrell::WriterUnlockSm::handleInitialized() for name= " + directory +
-                   ", instanceName=" );
+    EXPECT_EQ( taken().at( 0 ).text, "QelKrell::WriterUnlockSm::handleInitialized() for name= " +
+                                         directory + ", instanceName=" );
     sm->helper()->handleUnlocked();
     EXPECT_EQ( taken().back().text,
                "WriterUnlockHelper::handleUnlocked() for instanceName=None, connected=0" );

@@ -13,7 +13,8 @@ using Dov::Atomics::storeRelease;
 BucketArray BucketArray::inUse( Segments& segments ) {
     const TableWord table = segments.table();
     const U64 line = table.line();
-    if ( table.log2() <= TableWord::log2Limit_ && line + 1 + table.primaries() <= segments.linesMapped() ) {
+    if ( table.log2() <= TableWord::log2Limit_ &&
+         line + 1 + table.primaries() <= segments.linesMapped() ) {
         const ArrayHead& head = *reinterpret_cast< const ArrayHead* >( &segments.lines()[ line ] );
         const U32 lines = loadRelaxed( &head.lines );
         if ( loadRelaxed( &head.generation ) == table.generation() &&
@@ -44,7 +45,8 @@ BucketArray BucketArray::beside( const BucketArray& present, unsigned log2, U32 
     Segments& segments = *present.segments_;
     const U64 lines = 1 + ( U64( 1 ) << log2 ) + overflow;
     if ( log2 > TableWord::log2Limit_ || lines > 0xffffffffu ) {
-        throw MemoryLimitException( segments.place() + ": a bucket array of " + std::to_string( lines ) +
+        throw MemoryLimitException( segments.place() + ": a bucket array of " +
+                                    std::to_string( lines ) +
                                     " lines is more than the format allows" );
     }
     const U64 line = lines <= present.line_ ? 0 : present.line_ + present.lines_;
@@ -94,9 +96,7 @@ void BucketArray::put( const Place& place, U32 hash, U32 slot ) {
     tagIs( place, Tags::tagOf( hash ) );
 }
 
-void BucketArray::clear( const Place& place ) {
-    tagIs( place, 0 );
-}
+void BucketArray::clear( const Place& place ) { tagIs( place, 0 ); }
 
 // One store of the whole word, for there is one writer. SYNC( bucket-entry )
 void BucketArray::tagIs( const Place& place, U32 tag ) {
@@ -125,8 +125,8 @@ void BucketArray::publish() {
 }
 
 void BucketArray::wild( const char* what, U64 number ) const {
-    throw CorruptionDetectedException( segments_->place() + ": the bucket array names " + what + " " +
-                                       std::to_string( number ) + ", which is out of range" );
+    throw CorruptionDetectedException( segments_->place() + ": the bucket array names " + what +
+                                       " " + std::to_string( number ) + ", which is out of range" );
 }
 
 } // namespace Krell

@@ -50,7 +50,8 @@ std::unique_ptr< Segments > presentSegments( Platform::DebugHandler& handler,
     auto segments = std::make_unique< Segments >( handler, directory, layout );
     std::string why;
     try {
-        if ( segments->attachSlots( Dov::SharedMem::readWrite, why ) && segments->hasSlotHeader() ) {
+        if ( segments->attachSlots( Dov::SharedMem::readWrite, why ) &&
+             segments->hasSlotHeader() ) {
             return segments;
         }
     } catch ( const Exception& ) { // not a file that readers could have attached to

@@ -13,12 +13,14 @@ void checkName( const char* what, const std::string& name ) {
         throw InvalidInitializeException( std::string( "the layout's " ) + what + " is empty" );
     }
     if ( name.size() > Layout::nameLimit_ ) {
-        throw InvalidInitializeException( std::string( "the layout's " ) + what + " '" + name + "' has " +
-                                          std::to_string( name.size() ) + " bytes; the most is " +
+        throw InvalidInitializeException( std::string( "the layout's " ) + what + " '" + name +
+                                          "' has " + std::to_string( name.size() ) +
+                                          " bytes; the most is " +
                                           std::to_string( Layout::nameLimit_ ) );
     }
     if ( name.find( '\0' ) != std::string::npos ) {
-        throw InvalidInitializeException( std::string( "the layout's " ) + what + " holds a NUL byte" );
+        throw InvalidInitializeException( std::string( "the layout's " ) + what +
+                                          " holds a NUL byte" );
     }
 }
 
@@ -40,15 +42,14 @@ void Layout::check() const {
     checkSize( "value size", valueSize, 0 );
 }
 
-std::string Layout::storedText() const {
-    return text.substr( 0, textLimit_ );
-}
+std::string Layout::storedText() const { return text.substr( 0, textLimit_ ); }
 
 std::string Layout::describe() const {
     char hashText[ 16 ];
     std::snprintf( hashText, sizeof hashText, "%08x", hash );
-    return valueType + " in " + entityType + " (key " + std::to_string( keySize ) + " bytes, value " +
-           std::to_string( valueSize ) + " bytes, layout " + hashText + ": " + storedText() + ")";
+    return valueType + " in " + entityType + " (key " + std::to_string( keySize ) +
+           " bytes, value " + std::to_string( valueSize ) + " bytes, layout " + hashText + ": " +
+           storedText() + ")";
 }
 
 bool Layout::sameAs( const Layout& other ) const noexcept {

@@ -58,6 +58,20 @@ void ReaderTable::startOver( U32& patience ) {
     }
 }
 
+bool ReaderTable::contains( const U64* key ) {
+    if ( !segments_ ) {
+        return false;
+    }
+    const U32 words = segments_->layout().keyWords();
+    return search( hashWords( key, words ), [ & ]( U32 index ) {
+        const SlotHead* const slot = segments_->slot( index );
+        const bool same = versionOf( slot ).isOccupied() &&
+                          equalWords( payloadOf( slot ), key, words ) &&
+                          versionOf( slot ).isOccupied();
+        return same ? Walk::found : Walk::absent;
+    } );
+}
+
 SlotVersion ReaderTable::look( U32 index, U64* key ) {
     if ( !segments_ || ( index >= segments_->slotsMapped() && index >= slotCount() ) ) {
         return SlotVersion( 0 );
@@ -98,7 +112,8 @@ U32 ReaderTable::occupied() const noexcept {
 }
 
 U64 ReaderTable::sequence() const noexcept {
-    return segments_ ? Dov::Atomics::loadAcquire( segments_->sequenceWord() ) : 0; // SYNC( sequence )
+    return segments_ ? Dov::Atomics::loadAcquire( segments_->sequenceWord() )
+                     : 0; // SYNC( sequence )
 }
 
 bool ReaderTable::remap() {

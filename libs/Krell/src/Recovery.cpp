@@ -43,7 +43,8 @@ void Recovery::settleLookaside() {
          newVersion.state() != SlotVersion::occupied || newVersion.writing() ) {
         unusable( index, "is named by a lookaside record that no writer made" );
     }
-    if ( SlotVersion( loadRelaxed( &segments_.slot( index )->version ) ).sequence() < newVersion.sequence() ) {
+    if ( SlotVersion( loadRelaxed( &segments_.slot( index )->version ) ).sequence() <
+         newVersion.sequence() ) {
         redo( index, newVersion );
     }
 }
@@ -79,19 +80,22 @@ void Recovery::settleSlot( U32 index ) {
     const SlotVersion version( loadRelaxed( &slot->version ) );
     sequence_ = std::max( sequence_, version.sequence() );
     switch ( version.state() ) {
-    case SlotVersion::invalid: unusable( index, "has no valid state" );
+    case SlotVersion::invalid:
+        unusable( index, "has no valid state" );
     case SlotVersion::occupied:
         if ( version.writing() ) {
             unusable( index, "is being written, but not by the change in the lookaside record" );
         }
-        if ( hashWords( payloadOf( slot ), segments_.layout().keyWords() ) != loadRelaxed( &slot->hash ) ) {
+        if ( hashWords( payloadOf( slot ), segments_.layout().keyWords() ) !=
+             loadRelaxed( &slot->hash ) ) {
             unusable( index, "holds a key of another hash" );
         }
         return;
     case SlotVersion::free:
     case SlotVersion::dead:
         if ( version.writing() ) {
-            storeRelease( &slot->version, SlotVersion( version.sequence(), SlotVersion::free ).word() );
+            storeRelease( &slot->version,
+                          SlotVersion( version.sequence(), SlotVersion::free ).word() );
             KRELL_CRASH_POINT( "recovery: slot freed" );
         }
         return;
@@ -149,7 +153,9 @@ void Recovery::dropOlder( BucketArray& array,
                           const BucketArray::Place& place,
                           U32 hash,
                           U32 index ) {
-    const auto versionAt = [ & ]( U32 i ) { return SlotVersion( loadRelaxed( &segments_.slot( i )->version ) ); };
+    const auto versionAt = [ & ]( U32 i ) {
+        return SlotVersion( loadRelaxed( &segments_.slot( i )->version ) );
+    };
     const bool newer = versionAt( index ).sequence() > versionAt( place.slot ).sequence();
     const U32 older = newer ? place.slot : index;
     if ( newer ) {
@@ -197,7 +203,8 @@ void Recovery::linkRetired() {
     const auto sequenceAt = [ & ]( U32 index ) {
         return SlotVersion( loadRelaxed( &segments_.slot( index )->version ) ).sequence();
     };
-    std::sort( dead_.begin(), dead_.end(), [ & ]( U32 a, U32 b ) { return sequenceAt( a ) < sequenceAt( b ); } );
+    std::sort( dead_.begin(), dead_.end(),
+               [ & ]( U32 a, U32 b ) { return sequenceAt( a ) < sequenceAt( b ); } );
     for ( std::size_t i = 0; i < dead_.size(); ++i ) {
         const U32 next = i + 1 < dead_.size() ? dead_[ i + 1 ] + 1 : 0;
         storeRelaxed( &segments_.slot( dead_[ i ] )->link, next );
@@ -210,7 +217,8 @@ void Recovery::linkRetired() {
 }
 
 void Recovery::unusable( U32 index, const char* what ) const {
-    throw CorruptionDetectedException( segments_.place() + ": slot " + std::to_string( index ) + " " + what );
+    throw CorruptionDetectedException( segments_.place() + ": slot " + std::to_string( index ) +
+                                       " " + what );
 }
 
 } // namespace Krell

@@ -20,7 +20,8 @@ constexpr unsigned growthRounds = 64; // looks at a file that grows while it is 
 static_assert( textAt + Layout::textLimit_ <= lookasideAt );
 
 U32 arraysAtOf( const Layout& layout ) {
-    const U32 record = U32( sizeof( LookasideHead ) ) + 8 * ( layout.keyWords() + layout.valueWords() );
+    const U32 record =
+        U32( sizeof( LookasideHead ) ) + 8 * ( layout.keyWords() + layout.valueWords() );
     return lookasideAt + ( record + 63 ) / 64 * 64;
 }
 
@@ -57,8 +58,10 @@ std::string copyText( const char* shared, U32 size ) {
 }
 
 U32 checksumOf( const BucketsHeader& header, const std::string& text ) {
-    const char* from = reinterpret_cast< const char* >( &header ) + offsetof( BucketsHeader, textSize );
-    return Util::hash( from, offsetof( BucketsHeader, tableWord ) - offsetof( BucketsHeader, textSize ) ) +
+    const char* from =
+        reinterpret_cast< const char* >( &header ) + offsetof( BucketsHeader, textSize );
+    return Util::hash( from, offsetof( BucketsHeader, tableWord ) -
+                                 offsetof( BucketsHeader, textSize ) ) +
            Util::hash( text.data(), unsigned( text.size() ) );
 }
 
@@ -69,7 +72,9 @@ Segments::Segments( Platform::DebugHandler& handler,
                     const Layout& layout,
                     const std::string& slotsName,
                     const std::string& bucketsName )
-    : handler_( handler ), directory_( std::move( directory ) ), layout_( layout ),
+    : handler_( handler ),
+      directory_( std::move( directory ) ),
+      layout_( layout ),
       slotSize_( layout.slotSize() ) {
     layout.check();
     const RootPath path( handler, directory_ ? directory_->path() : "/", false );
@@ -81,9 +86,7 @@ Segments::Segments( Platform::DebugHandler& handler,
     }
 }
 
-std::string Segments::place() const {
-    return directory_ ? directory_->path() : "local memory";
-}
+std::string Segments::place() const { return directory_ ? directory_->path() : "local memory"; }
 
 U32 Segments::maxSlotsOf( const Layout& layout ) noexcept {
     return U32( std::min< U64 >( maxSlots_, ( addressLimit - slotsAt_ ) / layout.slotSize() ) );
@@ -99,8 +102,8 @@ void Segments::create( U32 fenix, U32 slots, unsigned log2Buckets ) {
     const U64 bucketsSize = arraysAtOf( layout_ ) + lines * lineSize;
     const U64 slotsSize = slotsAt_ + U64( slots ) * slotSize_;
     if ( bucketsSize > addressLimit ) {
-        throw MemoryLimitException( "the buckets of " + std::to_string( slots ) + " slots in " + place() +
-                                    " do not fit in the address space" );
+        throw MemoryLimitException( "the buckets of " + std::to_string( slots ) + " slots in " +
+                                    place() + " do not fit in the address space" );
     }
     if ( !slotsMem_->attach( std::size_t( slotsSize ), Dov::SharedMem::create ) ) {
         fail( *slotsMem_ );
@@ -140,7 +143,8 @@ void Segments::makeHeaders( U32 fenix, U32 slots ) {
     buckets.layoutHash = layout_.hash;
     buckets.lookasideAt = lookasideAt;
     buckets.arraysAt = arraysAtOf( layout_ );
-    std::memcpy( static_cast< char* >( bucketsMem_->address() ) + textAt, text.data(), text.size() );
+    std::memcpy( static_cast< char* >( bucketsMem_->address() ) + textAt, text.data(),
+                 text.size() );
     buckets.checksum = checksumOf( buckets, text );
     lookaside_->slot = LookasideHead::noSlot_;
 }
@@ -185,7 +189,8 @@ void Segments::locate() noexcept {
 
     header_ = slotsSize >= slotsAt_ ? reinterpret_cast< SlotHeader* >( slotsStart ) : nullptr;
     slots_ = header_ ? slotsStart + slotsAt_ : nullptr;
-    slotsMapped_ = header_ ? U32( std::min< U64 >( maxSlots_, ( slotsSize - slotsAt_ ) / slotSize_ ) ) : 0;
+    slotsMapped_ =
+        header_ ? U32( std::min< U64 >( maxSlots_, ( slotsSize - slotsAt_ ) / slotSize_ ) ) : 0;
 
     const bool whole = bucketsSize >= arraysAt;
     bucketsHeader_ = whole ? reinterpret_cast< BucketsHeader* >( bucketsStart ) : nullptr;
@@ -208,8 +213,10 @@ std::string Segments::storedLayout() const {
     // The text's place is the same in every layout, but this one's record may not fit in the file.
     const char* start = static_cast< const char* >( bucketsMem_->address() );
     if ( start && bucketsMem_->memSize() >= lookasideAt ) {
-        const BucketsHeader buckets = snapshot( *reinterpret_cast< const BucketsHeader* >( start ) );
-        stored.text = copyText( start + textAt, std::min( buckets.textSize, U32( Layout::textLimit_ ) ) );
+        const BucketsHeader buckets =
+            snapshot( *reinterpret_cast< const BucketsHeader* >( start ) );
+        stored.text =
+            copyText( start + textAt, std::min( buckets.textSize, U32( Layout::textLimit_ ) ) );
     }
     return stored.describe();
 }
@@ -276,7 +283,8 @@ bool Segments::extentsAreValid( std::string& why ) {
         why = bucketsMem_->path() + ": bad size: " + std::to_string( bucketsMem_->memSize() );
         return false;
     }
-    if ( bucketsHeader_->lookasideAt != lookasideAt || bucketsHeader_->arraysAt != arraysAtOf( layout_ ) ) {
+    if ( bucketsHeader_->lookasideAt != lookasideAt ||
+         bucketsHeader_->arraysAt != arraysAtOf( layout_ ) ) {
         why = bucketsMem_->path() + ": bad offsets";
         return false;
     }
@@ -294,8 +302,9 @@ bool Segments::extentsAreValid( std::string& why ) {
         const U64 linesBefore = linesMapped_;
         const bool grown = remap() && ( slotsMapped_ > slotsBefore || linesMapped_ > linesBefore );
         if ( !grown || round == growthRounds ) {
-            why = slotsFit ? bucketsMem_->path() + ": bad table word: " + std::to_string( inUse.word() )
-                           : slotsMem_->path() + ": bad number of slots: " + std::to_string( count );
+            why = slotsFit
+                      ? bucketsMem_->path() + ": bad table word: " + std::to_string( inUse.word() )
+                      : slotsMem_->path() + ": bad number of slots: " + std::to_string( count );
             return false;
         }
     }
@@ -315,7 +324,8 @@ void Segments::growSlots( U32 slots ) {
 void Segments::growBuckets( U64 lines ) {
     const U64 size = arraysAtOf( layout_ ) + lines * lineSize;
     if ( lines >= TableWord::lineLimit_ || size > addressLimit ) {
-        throw MemoryLimitException( "the buckets of " + place() + " do not fit in the address space" );
+        throw MemoryLimitException( "the buckets of " + place() +
+                                    " do not fit in the address space" );
     }
     if ( !bucketsMem_->resize( std::size_t( size ) ) ) {
         fail( *bucketsMem_ );
@@ -342,21 +352,13 @@ bool Segments::remap() {
     return same;
 }
 
-U64* Segments::sequenceWord() const noexcept {
-    return &header_->sequence;
-}
+U64* Segments::sequenceWord() const noexcept { return &header_->sequence; }
 
-U32 Segments::fenix() const noexcept {
-    return load32( &header_->fenix );
-}
+U32 Segments::fenix() const noexcept { return load32( &header_->fenix ); }
 
-U32 Segments::flags() const noexcept {
-    return load32( &header_->flags );
-}
+U32 Segments::flags() const noexcept { return load32( &header_->flags ); }
 
-void Segments::flagsAre( U32 flags ) {
-    Dov::Atomics::storeRelease( &header_->flags, flags );
-}
+void Segments::flagsAre( U32 flags ) { Dov::Atomics::storeRelease( &header_->flags, flags ); }
 
 U32 Segments::slotCount() const noexcept {
     return VerU32::load( header_->numSlots ).count; // SYNC( slot-count )
@@ -365,7 +367,8 @@ U32 Segments::slotCount() const noexcept {
 void Segments::slotCountIs( U32 count ) {
     const VerU32 present = VerU32::load( header_->numSlots );
     const VerU32 next { present.version + 1, count };
-    Dov::Atomics::storeRelease( reinterpret_cast< U64* >( &header_->numSlots ), next.word() ); // SYNC( slot-count )
+    Dov::Atomics::storeRelease( reinterpret_cast< U64* >( &header_->numSlots ),
+                                next.word() ); // SYNC( slot-count )
 }
 
 void Segments::fail( const Dov::SharedMem& mem ) const {

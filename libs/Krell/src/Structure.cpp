@@ -15,8 +15,11 @@ constexpr unsigned looks = 8;
 class Look {
 public:
     explicit Look( Segments& segments )
-        : segments_( segments ), table_( segments.table() ), count_( segments.slotCount() ),
-          sequence_( loadAcquire( segments.sequenceWord() ) ), seen_( count_ ) {}
+        : segments_( segments ),
+          table_( segments.table() ),
+          count_( segments.slotCount() ),
+          sequence_( loadAcquire( segments.sequenceWord() ) ),
+          seen_( count_ ) {}
 
     bool run() {
         if ( count_ > segments_.slotsMapped() ) {
@@ -63,20 +66,22 @@ private:
     }
 
     bool entryIsValid( const Bucket& bucket, unsigned place, U32 primary ) {
-        const U32 tag = place < 8 ? ( loadAcquire( &bucket.tagsLow ) >> ( place * 8 ) ) & 0xff
-                                  : ( loadAcquire( &bucket.tagsHigh ) >> ( ( place - 8 ) * 8 ) ) & 0xff;
+        const U32 tag = place < 8
+                            ? ( loadAcquire( &bucket.tagsLow ) >> ( place * 8 ) ) & 0xff
+                            : ( loadAcquire( &bucket.tagsHigh ) >> ( ( place - 8 ) * 8 ) ) & 0xff;
         if ( tag == 0 ) {
             return true;
         }
         const U32 index = loadAcquire( &bucket.slots[ place ] );
         if ( index >= count_ ) {
-            return bad( "bucket " + std::to_string( primary ) + " names slot " + std::to_string( index ) +
-                        " of " + std::to_string( count_ ) );
+            return bad( "bucket " + std::to_string( primary ) + " names slot " +
+                        std::to_string( index ) + " of " + std::to_string( count_ ) );
         }
         const SlotHead* const slot = segments_.slot( index );
         const U32 hash = loadAcquire( &slot->hash );
         if ( Tags::tagOf( hash ) != tag || ( hash & ( table_.primaries() - 1 ) ) != primary ) {
-            return bad( "slot " + std::to_string( index ) + " is named by a bucket of another hash" );
+            return bad( "slot " + std::to_string( index ) +
+                        " is named by a bucket of another hash" );
         }
         if ( seen_[ index ]++ ) {
             return bad( "slot " + std::to_string( index ) + " is named twice" );
@@ -93,19 +98,22 @@ private:
                 return bad( "slot " + std::to_string( index ) + " has no valid state" );
             }
             occupied += version.isOccupied();
-            if ( version.sequence() > sequence_ || ( version.writing() && !version.isOccupied() ) ) {
+            if ( version.sequence() > sequence_ ||
+                 ( version.writing() && !version.isOccupied() ) ) {
                 ++inFlight;
             } else if ( version.isOccupied() != bool( seen_[ index ] ) ) {
                 return bad( "slot " + std::to_string( index ) +
-                            ( version.isOccupied() ? " is occupied, but no bucket names it"
-                                                   : " is named by a bucket, but is not occupied" ) );
+                            ( version.isOccupied()
+                                  ? " is occupied, but no bucket names it"
+                                  : " is named by a bucket, but is not occupied" ) );
             }
         }
         const U32 counted = loadAcquire( &segments_.header().occupiedSlots );
         const U32 difference = counted > occupied ? counted - occupied : occupied - counted;
         if ( inFlight > 1 || difference > inFlight ) {
-            return bad( std::to_string( occupied ) + " slots are occupied, " + std::to_string( counted ) +
-                        " are counted, and " + std::to_string( inFlight ) + " are being changed" );
+            return bad( std::to_string( occupied ) + " slots are occupied, " +
+                        std::to_string( counted ) + " are counted, and " +
+                        std::to_string( inFlight ) + " are being changed" );
         }
         return true;
     }

@@ -21,20 +21,24 @@ namespace {
 constexpr U32 noIndex = Segments::noIndex_;
 
 // The retired slots that wait before the oldest of them is used again, while the table can grow.
-constexpr U32 reuseDelay( U32 slots ) {
-    return std::max( U32( 1 ), slots / 16 );
-}
+constexpr U32 reuseDelay( U32 slots ) { return std::max( U32( 1 ), slots / 16 ); }
 
 [[maybe_unused]] const int forkWatch = pthread_atfork( nullptr, nullptr, [] { ++forkCount; } );
 
 } // namespace
 
 WriterTable::WriterTable( Segments& segments )
-    : segments_( segments ), array_( BucketArray::inUse( segments ) ), count_( segments.slotCount() ),
-      occupied_( segments.header().occupiedSlots ), free_( segments.header().freeSlots ),
-      retiredFirst_( segments.header().retiredFirst ), retiredLast_( segments.header().retiredLast ),
-      retiredCount_( segments.header().retiredCount ), sequence_( *segments.sequenceWord() ),
-      lookasideVersion_( segments.lookaside().version ), forks_( forkCount ) {}
+    : segments_( segments ),
+      array_( BucketArray::inUse( segments ) ),
+      count_( segments.slotCount() ),
+      occupied_( segments.header().occupiedSlots ),
+      free_( segments.header().freeSlots ),
+      retiredFirst_( segments.header().retiredFirst ),
+      retiredLast_( segments.header().retiredLast ),
+      retiredCount_( segments.header().retiredCount ),
+      sequence_( *segments.sequenceWord() ),
+      lookasideVersion_( segments.lookaside().version ),
+      forks_( forkCount ) {}
 
 void WriterTable::insert( U32 hash, const U64* key, const U64* value ) {
     ensureSlot();

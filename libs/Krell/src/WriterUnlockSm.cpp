@@ -68,9 +68,9 @@ void WriterUnlockSm::doDisconnect() {
 void WriterUnlockSm::timeout() { lookAgain(); }
 
 void WriterUnlockSm::fdEvent( int ) {
-    // The process is dead, and its descriptor would say so in every turn.
     if ( process_ ) {
-        fdControl_->delFd();
+        holderDied_ = true;
+        fdControl_->delFd(); // it would say so in every turn
         process_ = Fd();
     }
     lookAgain();
@@ -119,7 +119,7 @@ void WriterUnlockSm::lookAgain() {
 bool WriterUnlockSm::sawRelease() {
     const Holder now = holderNow();
     lastFailure_.clear();
-    if ( now.sameAs( holder_ ) ) {
+    if ( !holderDied_ && now.sameAs( holder_ ) ) {
         return false;
     }
     const bool released = holder_.pid != 0;
@@ -146,6 +146,7 @@ void WriterUnlockSm::watch( const Holder& holder ) {
 
 void WriterUnlockSm::unwatch() {
     holder_ = Holder();
+    holderDied_ = false;
     if ( process_ ) {
         fdControl_->delFd();
         process_ = Fd();
