@@ -6,6 +6,8 @@
 #include <QelKrell/Collection>
 #include <QelKrell/KrellMount>
 
+#include <sys/resource.h>
+
 #include "bench/ScratchRoot.h"
 
 namespace Bench {
@@ -45,15 +47,28 @@ const QelKrell::Mount& mounts( bool local ) {
     return local ? localMount : sharedMount;
 }
 
+// A writer keeps its lock file and its segments open: as many descriptors as this process may have.
+void raiseDescriptorLimit() {
+    rlimit limit {};
+    getrlimit( RLIMIT_NOFILE, &limit );
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit( RLIMIT_NOFILE, &limit );
+}
+
 // Arguments: how many entities; whether the entity manager is local.
 void mountAndUnmount( benchmark::State& state ) {
+    raiseDescriptorLimit();
     const ScratchRoot root;
     const QelKrell::Mount& mount = mounts( state.range( 1 ) != 0 );
     QelKrell::MountInfo info( QelKrell::writer );
     info.collectionInfoIs( { "flag", 8 } );
     for ( auto _ : state ) {
-        for ( Qel::S64 i = 0; i < state.range( 0 ); ++i ) {
-            mount.doMount( pathOf( i ), "Bench::Board", info );
+        try {
+            for ( Qel::S64 i = 0; i < state.range( 0 ); ++i ) {
+                mount.doMount( pathOf( i ), "Bench::Board", info );
+            }
+        } catch ( const Qel::Exception& e ) {
+            state.SkipWithError( e.what() );
         }
         mount.doUnmountAll();
     }

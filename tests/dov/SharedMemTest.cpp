@@ -75,7 +75,10 @@ protected:
     }
 
     // An attachment that must fail, with its reason.
-    void expectRefused( SharedMem& mem, std::size_t size, SharedMem::Mode mode, const std::string& text,
+    void expectRefused( SharedMem& mem,
+                        std::size_t size,
+                        SharedMem::Mode mode,
+                        const std::string& text,
                         int number ) {
         EXPECT_EQ( mem.attach( size, mode ), nullptr );
         EXPECT_EQ( mem.errorText(), text );
@@ -88,9 +91,7 @@ protected:
     std::size_t mappings = 0;
 };
 
-char* bytes( const SharedMem& mem ) {
-    return static_cast< char* >( mem.address() );
-}
+char* bytes( const SharedMem& mem ) { return static_cast< char* >( mem.address() ); }
 
 int inChild( int ( *body )( const std::string& ), const std::string& argument ) {
     const pid_t pid = ::fork();
@@ -174,13 +175,15 @@ TEST_F( SharedMemTest, ModeOfTheFileDoesNotDependOnTheUmask ) {
 TEST_F( SharedMemTest, CreateRefusesAnExistingFileAndLeavesIt ) {
     file( "slots", "precious" );
     SharedMem mem( directory, "slots", true, false );
-    expectRefused( mem, 10, SharedMem::create, "create " + at( "slots" ) + ": File exists", EEXIST );
+    expectRefused( mem, 10, SharedMem::create, "create " + at( "slots" ) + ": File exists",
+                   EEXIST );
     EXPECT_EQ( fileSize( "slots" ), 8U );
 }
 
 TEST_F( SharedMemTest, CreateRefusesASizeOfNothingAndOneBeyondTheAddressSpace ) {
     SharedMem mem( directory, "slots", false, false );
-    expectRefused( mem, 0, SharedMem::create, "create " + at( "slots" ) + ": no size for a mapping: 0", EINVAL );
+    expectRefused( mem, 0, SharedMem::create,
+                   "create " + at( "slots" ) + ": no size for a mapping: 0", EINVAL );
     EXPECT_EQ( mem.attach( SIZE_MAX, SharedMem::create ), nullptr );
     EXPECT_EQ( mem.errorNumber(), ENOMEM );
     EXPECT_EQ( filesHere(), 0U );
@@ -188,9 +191,11 @@ TEST_F( SharedMemTest, CreateRefusesASizeOfNothingAndOneBeyondTheAddressSpace ) 
 
 TEST_F( SharedMemTest, AttachRefusesWhatIsMissingEmptyOrTooShort ) {
     SharedMem mem( directory, "slots", false, false );
-    expectRefused( mem, 10, SharedMem::readOnly, "open " + at( "slots" ) + ": No such file or directory", ENOENT );
+    expectRefused( mem, 10, SharedMem::readOnly,
+                   "open " + at( "slots" ) + ": No such file or directory", ENOENT );
     file( "slots", "" );
-    expectRefused( mem, 0, SharedMem::readOnly, "open " + at( "slots" ) + ": the file is empty", ENODATA );
+    expectRefused( mem, 0, SharedMem::readOnly, "open " + at( "slots" ) + ": the file is empty",
+                   ENODATA );
     file( "slots", "123456789" );
     expectRefused( mem, 10, SharedMem::readWrite,
                    "open " + at( "slots" ) + ": the file holds 9 bytes, fewer than 10", ENODATA );
@@ -221,7 +226,8 @@ TEST_F( SharedMemTest, AnAttachedObjectRefusesToAttachAgain ) {
 
 TEST_F( SharedMemTest, AnUnknownModeIsRefused ) {
     SharedMem mem( directory, "slots", false, false );
-    expectRefused( mem, 10, SharedMem::Mode( 3 ), "attach " + at( "slots" ) + ": unknown mode 3", EINVAL );
+    expectRefused( mem, 10, SharedMem::Mode( 3 ), "attach " + at( "slots" ) + ": unknown mode 3",
+                   EINVAL );
 }
 
 TEST_F( SharedMemTest, LinksPipesSocketsDevicesAndDirectoriesAreRefused ) {
@@ -237,7 +243,8 @@ TEST_F( SharedMemTest, LinksPipesSocketsDevicesAndDirectoriesAreRefused ) {
     ASSERT_EQ( ::bind( fd, reinterpret_cast< sockaddr* >( &address ), sizeof address ), 0 );
     ::close( fd );
     for ( const char* name : { "link", "dangling", "fifo", "dir", "socket" } ) {
-        for ( SharedMem::Mode mode : { SharedMem::create, SharedMem::readOnly, SharedMem::readWrite } ) {
+        for ( SharedMem::Mode mode :
+              { SharedMem::create, SharedMem::readOnly, SharedMem::readWrite } ) {
             SharedMem mem( directory, name, true, false );
             EXPECT_EQ( mem.attach( 4, mode ), nullptr ) << name << mode;
             EXPECT_THAT( mem.errorText(), HasSubstr( at( name ) + ": " ) );
@@ -260,8 +267,9 @@ TEST_F( SharedMemTest, ALinkIsNamedAsOne ) {
 TEST_F( SharedMemTest, NamesThatAreNoPlainFileNamesAreRefused ) {
     std::filesystem::create_directory( at( "sub" ) );
     file( "sub/slots", "x" );
-    for ( const std::string& name : { std::string(), std::string( "." ), std::string( ".." ), std::string( "sub/slots" ),
-                                      std::string( "/etc/passwd" ), std::string( "a\0b", 3 ) } ) {
+    for ( const std::string& name :
+          { std::string(), std::string( "." ), std::string( ".." ), std::string( "sub/slots" ),
+            std::string( "/etc/passwd" ), std::string( "a\0b", 3 ) } ) {
         SharedMem mem( directory, name, false, false );
         for ( SharedMem::Mode mode : { SharedMem::create, SharedMem::readOnly } ) {
             EXPECT_EQ( mem.attach( 1, mode ), nullptr ) << name;
@@ -273,7 +281,8 @@ TEST_F( SharedMemTest, NamesThatAreNoPlainFileNamesAreRefused ) {
 
 TEST_F( SharedMemTest, AMissingDirectoryIsAnErrorThatNamesThePath ) {
     SharedMem mem( at( "none" ), "slots", false, false );
-    expectRefused( mem, 1, SharedMem::create, "create " + at( "none/slots" ) + ": No such file or directory", ENOENT );
+    expectRefused( mem, 1, SharedMem::create,
+                   "create " + at( "none/slots" ) + ": No such file or directory", ENOENT );
 }
 
 TEST_F( SharedMemTest, FilesAreFoundThroughADirectoryDescriptor ) {

@@ -7,6 +7,7 @@
 #include <functional>
 
 #include <sys/inotify.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -243,6 +244,24 @@ TEST_F( WatchDescriptorTest, RefusedFirstPathLeavesNothingOpen ) {
     EXPECT_EQ( System::idle_, System::doRun() );
 }
 
+TEST_F( WatchDescriptorTest, ExhaustedDescriptorsAreAClearRefusal ) {
+    rlimit limit {};
+    ASSERT_EQ( 0, getrlimit( RLIMIT_NOFILE, &limit ) );
+    System::descriptor(); // the loop has its own already
+    const rlimit none = { 0, limit.rlim_max };
+    ASSERT_EQ( 0, setrlimit( RLIMIT_NOFILE, &none ) );
+    const std::string message = refusal( [ & ] { watch->pathIs( dir.string() ); } );
+    ASSERT_EQ( 0, setrlimit( RLIMIT_NOFILE, &limit ) );
+    EXPECT_EQ( "inotify_init1 of the process's watches: Too many open files (errno 24) - the limit "
+               "fs.inotify.max_user_instances, or that of open descriptors, is reached",
+               message );
+    EXPECT_EQ( watch->path(), "" );
+    watch->pathIs( dir.string() );
+    touch( "a" );
+    serve();
+    EXPECT_EQ( 2U, watch->watchCount() );
+}
+
 TEST_F( WatchDescriptorTest, ReactorsMayTakeEachOtherOut ) {
     WatchDescriptor::Ptr second = new WatchDescriptor( "second" );
     WatchDescriptor::Ptr first = new WatchDescriptor( "first" );
@@ -348,6 +367,25 @@ TEST_F( WatchDescriptorTest, ForkedChildTakesNothingFromItsParent ) {
     touch( "c" );
     serve();
     EXPECT_EQ( 6U, watch->watchCount() );
+}
+
+TEST_F( WatchDescriptorTest, WatchThatAForkedChildCannotRenewEndsThere ) {
+    const fs::path inner = dir / "inner";
+    fs::create_directory( inner );
+    watch->pathIs( inner.string() );
+    const pid_t child = fork();
+    if ( child == 0 ) {
+        fs::remove( inner );
+        serve();
+        const bool told = watch->eventDescriptor() == -1 && watch->eventMask() == 0 &&
+                          watch->watchCount() == 1 && System::doRun() == System::idle_;
+        _exit( told ? 0 : 1 );
+    }
+    int status = 0;
+    ASSERT_EQ( child, waitpid( child, &status, 0 ) );
+    EXPECT_EQ( 0, status );
+    serve();
+    EXPECT_THAT( watcher->events, ElementsAre( "gone ", "end " ) );
 }
 
 } // namespace

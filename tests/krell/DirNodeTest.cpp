@@ -68,15 +68,14 @@ TEST_F( DirNodeTest, AMissingDirectoryHasNoEntries ) {
         EXPECT_FALSE( node.isOpen() );
         EXPECT_EQ( node.readEntry(), nullptr );
     }
-    EXPECT_THAT(
-        recorder.lines(),
-        ElementsAre( "9 " + at + "30 DirNode DirNode::DirNode() path: " + path,
-                     "5 " + at + "36 DirNode DirNode::DirNode() failed to open " + path +
-                         " errno: No such file or directory",
-                     "9 " + at + "58 readEntry DirNode::readEntry() path: " + path,
-                     "5 " + at + "61 readEntry DirNode::readEntry() cannot read " + path +
-                         " because the directory is not open",
-                     "9 " + at + "45 ~DirNode DirNode::~DirNode() path: " + path ) );
+    EXPECT_THAT( recorder.lines(),
+                 ElementsAre( "9 " + at + "30 DirNode DirNode::DirNode() path: " + path,
+                              "5 " + at + "36 DirNode DirNode::DirNode() failed to open " + path +
+                                  " errno: No such file or directory",
+                              "9 " + at + "58 readEntry DirNode::readEntry() path: " + path,
+                              "5 " + at + "61 readEntry DirNode::readEntry() cannot read " + path +
+                                  " because the directory is not open",
+                              "9 " + at + "45 ~DirNode DirNode::~DirNode() path: " + path ) );
 }
 
 TEST_F( DirNodeTest, AnythingElseThatCannotBeOpenedIsThrown ) {
@@ -84,7 +83,8 @@ TEST_F( DirNodeTest, AnythingElseThatCannotBeOpenedIsThrown ) {
     bytesInto( path, "x" );
     handler.levels = { 0, 5 };
     const TraceRecorder recorder;
-    const std::string text = "DirNode::DirNode() failed to open " + path + " errno: Not a directory";
+    const std::string text =
+        "DirNode::DirNode() failed to open " + path + " errno: Not a directory";
     try {
         DirNode( handler, path, nullptr );
         FAIL();
@@ -136,7 +136,8 @@ TEST_F( DirNodeTest, AFailureToReadIsThrown ) {
     breakStream( root.path() );
     handler.levels = { 0, 5 };
     const TraceRecorder recorder;
-    const std::string text = "DirNode::readEntry() failed to read " + root.path() + " errno: Not a directory";
+    const std::string text =
+        "DirNode::readEntry() failed to read " + root.path() + " errno: Not a directory";
     try {
         node.readEntry();
         FAIL();
@@ -163,8 +164,9 @@ TEST_F( DirNodeTest, AFailureToCloseIsTracedOnly ) {
     ASSERT_EQ( recorder.records.size(), 1U );
     EXPECT_EQ( recorder.records[ 0 ].level, 1 );
     EXPECT_EQ( recorder.records[ 0 ].function, "~DirNode" );
-    EXPECT_EQ( recorder.records[ 0 ].text,
-               ( "DirNode::~DirNode() failed to close " + root.path() + " errno: Bad file descriptor" ).c_str() );
+    EXPECT_EQ( recorder.records[ 0 ].text, ( "DirNode::~DirNode() failed to close " + root.path() +
+                                             " errno: Bad file descriptor" )
+                                               .c_str() );
 }
 
 TEST_F( DirNodeTest, RoutineCallsAreTracedAtLevelNine ) {
@@ -174,10 +176,11 @@ TEST_F( DirNodeTest, RoutineCallsAreTracedAtLevelNine ) {
         const DirNode node( handler, root.path(), nullptr );
         node.readEntry();
     }
-    EXPECT_THAT( recorder.lines(),
-                 ElementsAre( "9 " + at + "30 DirNode DirNode::DirNode() path: " + root.path(),
-                              "9 " + at + "58 readEntry DirNode::readEntry() path: " + root.path(),
-                              "9 " + at + "45 ~DirNode DirNode::~DirNode() path: " + root.path() ) );
+    EXPECT_THAT(
+        recorder.lines(),
+        ElementsAre( "9 " + at + "30 DirNode DirNode::DirNode() path: " + root.path(),
+                     "9 " + at + "58 readEntry DirNode::readEntry() path: " + root.path(),
+                     "9 " + at + "45 ~DirNode DirNode::~DirNode() path: " + root.path() ) );
 }
 
 TEST_F( DirNodeTest, AStreamIsClosedWithItsNode ) {
@@ -206,7 +209,8 @@ TEST_F( DirNodeTest, AChildKeepsTheNodesAboveItOpen ) {
     middle.reset();
     EXPECT_FALSE( watched.expired() );
     EXPECT_EQ( leaf->parent()->parent()->path(), root.path() );
-    EXPECT_EQ( entries( *leaf->parent()->parent() ), ( std::multiset< std::string > { ".", "..", "a" } ) );
+    EXPECT_EQ( entries( *leaf->parent()->parent() ),
+               ( std::multiset< std::string > { ".", "..", "a" } ) );
     leaf.reset();
     EXPECT_TRUE( watched.expired() );
 }

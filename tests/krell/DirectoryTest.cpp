@@ -98,7 +98,8 @@ TEST_F( DirectoryTest, SuperfluousSlashesAndDotsAreDropped ) {
 }
 
 TEST_F( DirectoryTest, PathsThatCannotBeMeantAreRefused ) {
-    for ( const std::string& path : { std::string(), std::string( "a/b" ), std::string( "./a" ) } ) {
+    for ( const std::string& path :
+          { std::string(), std::string( "a/b" ), std::string( "./a" ) } ) {
         const auto text = testing::Eq( "the path '" + path + "' is not absolute" );
         expectThrow< InvalidInitializeException >( [ & ] { Directory::open( path ); }, text );
         expectThrow< InvalidInitializeException >( [ & ] { Directory::create( path ); }, text );
@@ -108,7 +109,8 @@ TEST_F( DirectoryTest, PathsThatCannotBeMeantAreRefused ) {
                                                    HasSubstr( "has a component '..'" ) );
     }
     expectThrow< InvalidInitializeException >(
-        [ & ] { Directory::create( root.path() + std::string( "/a\0b", 4 ) ); }, HasSubstr( "holds a NUL byte" ) );
+        [ & ] { Directory::create( root.path() + std::string( "/a\0b", 4 ) ); },
+        HasSubstr( "holds a NUL byte" ) );
     EXPECT_TRUE( fs::is_empty( root.path() ) );
     EXPECT_TRUE( made( "..a" ).isOpen() );
 }
@@ -117,7 +119,8 @@ TEST_F( DirectoryTest, NoComponentBelowTheRootMayBeALink ) {
     made( "real/below" );
     fs::create_directory_symlink( root / "real", root / "link" );
     for ( const char* name : { "link", "link/below", "link/fresh" } ) {
-        const auto text = testing::Eq( "openat " + ( root / "link" ) + ": Too many levels of symbolic links" );
+        const auto text =
+            testing::Eq( "openat " + ( root / "link" ) + ": Too many levels of symbolic links" );
         expectThrow< RuntimeException >( [ & ] { Directory::open( root / name ); }, text );
         expectThrow< RuntimeException >( [ & ] { made( name ); }, text );
     }
@@ -170,8 +173,9 @@ TEST_F( DirectoryTest, AnOpenDirectoryStaysTheSameWhenItsNamesChange ) {
 
 TEST_F( DirectoryTest, FileNamesThatAreNoneAreRefused ) {
     const Directory directory = made( "a" );
-    for ( const std::string& name : { std::string(), std::string( "." ), std::string( ".." ), std::string( "a/b" ),
-                                      std::string( "/etc/passwd" ), std::string( "a\0b", 3 ) } ) {
+    for ( const std::string& name :
+          { std::string(), std::string( "." ), std::string( ".." ), std::string( "a/b" ),
+            std::string( "/etc/passwd" ), std::string( "a\0b", 3 ) } ) {
         const auto text = testing::Eq( "'" + name + "' is not the name of a file in a directory" );
         using Bad = InvalidInitializeException;
         expectThrow< Bad >( [ & ] { directory.openFile( name, O_RDONLY ); }, text );
@@ -205,8 +209,9 @@ TEST_F( DirectoryTest, FilesAreCreatedOnce ) {
     ASSERT_TRUE( file );
     EXPECT_EQ( ::fcntl( file.get(), F_GETFD ) & FD_CLOEXEC, FD_CLOEXEC );
     EXPECT_EQ( ::write( file.get(), "abc", 3 ), 3 );
-    expectThrow< RuntimeException >( [ & ] { directory.createFile( "slots" ); },
-                                     testing::Eq( "openat " + ( root / "a/slots" ) + ": File exists" ) );
+    expectThrow< RuntimeException >(
+        [ & ] { directory.createFile( "slots" ); },
+        testing::Eq( "openat " + ( root / "a/slots" ) + ": File exists" ) );
     EXPECT_FALSE( directory.createIfAbsent( "slots" ) );
     EXPECT_EQ( directory.readSmall( "slots", 10 ), "abc" );
 }
@@ -230,10 +235,12 @@ TEST_F( DirectoryTest, OnlyRegularFilesAreOpened ) {
     ASSERT_EQ( ::mkfifo( ( root / "a/fifo" ).c_str(), 0600 ), 0 );
     for ( const char* name : { "link", "dangling", "dir", "fifo" } ) {
         for ( int flags : { O_RDONLY, O_RDWR } ) {
-            expectThrow< RuntimeException >( [ & ] { directory.openFile( name, flags ); },
-                                             StartsWith( "openat " + ( root / "a/" ) + name + ": " ) );
+            expectThrow< RuntimeException >(
+                [ & ] { directory.openFile( name, flags ); },
+                StartsWith( "openat " + ( root / "a/" ) + name + ": " ) );
         }
-        expectThrow< RuntimeException >( [ & ] { directory.readSmall( name, 10 ); }, HasSubstr( name ) );
+        expectThrow< RuntimeException >( [ & ] { directory.readSmall( name, 10 ); },
+                                         HasSubstr( name ) );
         EXPECT_FALSE( directory.createIfAbsent( name ) );
         EXPECT_TRUE( directory.exists( name ) );
     }
@@ -250,8 +257,9 @@ TEST_F( DirectoryTest, RemoveTakesLinksButNotDirectories ) {
     fs::create_directory( root / "a/dir" );
     EXPECT_TRUE( directory.remove( "link" ) );
     EXPECT_EQ( bytesOf( root / "target" ), "precious" );
-    expectThrow< RuntimeException >( [ & ] { directory.remove( "dir" ); },
-                                     testing::Eq( "unlinkat " + ( root / "a/dir" ) + ": Is a directory" ) );
+    expectThrow< RuntimeException >(
+        [ & ] { directory.remove( "dir" ); },
+        testing::Eq( "unlinkat " + ( root / "a/dir" ) + ": Is a directory" ) );
     EXPECT_TRUE( fs::is_directory( root / "a/dir" ) );
 }
 
@@ -314,7 +322,8 @@ TEST_F( DirectoryTest, AFailedWriteWholeLeavesTheOldBytesAndNothingElse ) {
     EXPECT_EQ( directory.readSmall( "f", 10 ), "old" );
     EXPECT_THAT( directory.names(), ElementsAre( "f" ) );
     fs::create_directory( root / "a/dir" );
-    expectThrow< RuntimeException >( [ & ] { directory.writeWhole( "dir", "x" ); }, HasSubstr( "renameat" ) );
+    expectThrow< RuntimeException >( [ & ] { directory.writeWhole( "dir", "x" ); },
+                                     HasSubstr( "renameat" ) );
     EXPECT_THAT( directory.names(), UnorderedElementsAre( "f", "dir" ) );
 }
 
@@ -334,8 +343,9 @@ TEST_F( DirectoryTest, TemporaryNamesAreFreshAndRecognised ) {
     EXPECT_NE( first, second );
     EXPECT_TRUE( Directory::isTemporary( first, "slots" ) );
     EXPECT_FALSE( Directory::isTemporary( first, "buckets" ) );
-    for ( const char* name : { "slots", "slots.tmp-", "slots.tmp-1", "slots.tmp-1-", "slots.tmp--1",
-                               "slots.tmp-1-2-3", "slots.tmp-1-2x", "slots.tmp-x-2", "xslots.tmp-1-2" } ) {
+    for ( const char* name :
+          { "slots", "slots.tmp-", "slots.tmp-1", "slots.tmp-1-", "slots.tmp--1", "slots.tmp-1-2-3",
+            "slots.tmp-1-2x", "slots.tmp-x-2", "xslots.tmp-1-2" } ) {
         EXPECT_FALSE( Directory::isTemporary( name, "slots" ) ) << name;
     }
     EXPECT_TRUE( Directory::isTemporary( "slots.tmp-4711-23", "slots" ) );
@@ -350,8 +360,9 @@ TEST_F( DirectoryTest, OnlyEmptyDirectoriesAreRemoved ) {
     EXPECT_TRUE( Directory::removeEmpty( root / "a/" ) );
     EXPECT_FALSE( Directory::removeEmpty( "/" ) );
     bytesInto( root / "file", "x" );
-    expectThrow< RuntimeException >( [ & ] { Directory::removeEmpty( root / "file" ); },
-                                     testing::Eq( "unlinkat " + ( root / "file" ) + ": Not a directory" ) );
+    expectThrow< RuntimeException >(
+        [ & ] { Directory::removeEmpty( root / "file" ); },
+        testing::Eq( "unlinkat " + ( root / "file" ) + ": Not a directory" ) );
 }
 
 TEST_F( DirectoryTest, AnotherUserIsRefusedByName ) {
@@ -364,15 +375,21 @@ TEST_F( DirectoryTest, AnotherUserIsRefusedByName ) {
         if ( ::setgid( 65534 ) != 0 || ::setuid( 65534 ) != 0 ) {
             return 77;
         }
-        expectThrow< PermissionException >( [ & ] { Directory::open( root / "a" ); },
-                                            testing::Eq( "openat " + ( root / "a" ) + ": Permission denied" ) );
-        expectThrow< PermissionException >( [ & ] { Directory::open( root / "a/b" ); },
-                                            testing::Eq( "openat " + ( root / "a/b" ) + ": Permission denied" ) );
-        expectThrow< PermissionException >( [ & ] { Directory::create( root / "b" ); },
-                                            testing::Eq( "mkdirat " + ( root / "b" ) + ": Permission denied" ) );
-        expectThrow< PermissionException >( [ & ] { directory.openFile( "f", O_RDONLY ); }, StartsWith( "openat" ) );
-        expectThrow< PermissionException >( [ & ] { directory.writeWhole( "f", "x" ); }, StartsWith( "openat" ) );
-        expectThrow< PermissionException >( [ & ] { directory.remove( "f" ); }, StartsWith( "unlinkat" ) );
+        expectThrow< PermissionException >(
+            [ & ] { Directory::open( root / "a" ); },
+            testing::Eq( "openat " + ( root / "a" ) + ": Permission denied" ) );
+        expectThrow< PermissionException >(
+            [ & ] { Directory::open( root / "a/b" ); },
+            testing::Eq( "openat " + ( root / "a/b" ) + ": Permission denied" ) );
+        expectThrow< PermissionException >(
+            [ & ] { Directory::create( root / "b" ); },
+            testing::Eq( "mkdirat " + ( root / "b" ) + ": Permission denied" ) );
+        expectThrow< PermissionException >( [ & ] { directory.openFile( "f", O_RDONLY ); },
+                                            StartsWith( "openat" ) );
+        expectThrow< PermissionException >( [ & ] { directory.writeWhole( "f", "x" ); },
+                                            StartsWith( "openat" ) );
+        expectThrow< PermissionException >( [ & ] { directory.remove( "f" ); },
+                                            StartsWith( "unlinkat" ) );
         expectThrow< PermissionException >( [ & ] { directory.names(); }, StartsWith( "opendir" ) );
         return testing::Test::HasFailure() ? 1 : 0;
     } );
@@ -388,7 +405,10 @@ TEST_F( DirectoryTest, DirectoriesOnTheWayNeedNotBeReadable ) {
     ::chmod( ( root / "a" ).c_str(), 0711 );
     ::chmod( ( root / "a/b" ).c_str(), 0755 );
     const int status = inChild( [ & ] {
-        return ::setgid( 65534 ) == 0 && ::setuid( 65534 ) == 0 && Directory::open( root / "a/b" ).isOpen() ? 0 : 1;
+        return ::setgid( 65534 ) == 0 && ::setuid( 65534 ) == 0 &&
+                       Directory::open( root / "a/b" ).isOpen()
+                   ? 0
+                   : 1;
     } );
     EXPECT_EQ( status, 0 );
 }

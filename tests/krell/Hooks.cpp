@@ -61,9 +61,7 @@ TestTimer::TestTimer( Krell::Platform::TimeoutHandler* h ) : handler( h ) {
     timers().push_back( this );
 }
 
-TestTimer::~TestTimer() {
-    removeFrom( timers(), this );
-}
+TestTimer::~TestTimer() { removeFrom( timers(), this ); }
 
 void TestTimer::setTimeout( double s ) {
     seconds = s;
@@ -75,21 +73,15 @@ void TestTimer::fire() {
     handler->timeout();
 }
 
-TestFd::TestFd( Krell::Platform::FdEventHandler* h ) : handler( h ) {
-    fds().push_back( this );
-}
+TestFd::TestFd( Krell::Platform::FdEventHandler* h ) : handler( h ) { fds().push_back( this ); }
 
-TestFd::~TestFd() {
-    removeFrom( fds(), this );
-}
+TestFd::~TestFd() { removeFrom( fds(), this ); }
 
 TestWatch::TestWatch( Krell::Platform::InotifyHandler* h ) : handler( h ) {
     watches().push_back( this );
 }
 
-TestWatch::~TestWatch() {
-    removeFrom( watches(), this );
-}
+TestWatch::~TestWatch() { removeFrom( watches(), this ); }
 
 std::vector< TestTimer* >& timers() {
     static std::vector< TestTimer* > list;
@@ -233,9 +225,7 @@ Child::Child( const std::function< bool() >& body ) {
     }
 }
 
-Child::~Child() {
-    kill( SIGKILL );
-}
+Child::~Child() { kill( SIGKILL ); }
 
 void Child::kill( int signal ) {
     if ( pid_ ) {
@@ -277,21 +267,15 @@ InotifyControl* getInotifyControl( InotifyHandler* handler ) {
     return new KrellTest::TestWatch( handler );
 }
 
-FdControl* getFdControl( FdEventHandler* handler ) {
-    return new KrellTest::TestFd( handler );
-}
+FdControl* getFdControl( FdEventHandler* handler ) { return new KrellTest::TestFd( handler ); }
 
 TimerControl* getTimerControl( TimeoutHandler* handler ) {
     return new KrellTest::TestTimer( handler );
 }
 
 // One turn: every armed timer. The result is how many there were.
-int doEventLoop() {
-    return int( KrellTest::fireTimers() );
-}
+int doEventLoop() { return int( KrellTest::fireTimers() ); }
 
-int doEventLoop( double ) {
-    return doEventLoop();
-}
+int doEventLoop( double ) { return doEventLoop(); }
 
 } // namespace Krell::Platform

@@ -140,11 +140,14 @@ TEST_F( KrellMemTest, SharedTracesCarryTheirPositions ) {
     mem.attach( 200, Dov::SharedMem::readOnly );
     EXPECT_THAT(
         recorder.lines(),
-        ElementsAre( std::string( prefix ) + "33 KrellMem KrellMem::KrellMem() prefix: " + ( root / "coll" ) +
-                         " name:slots localMem:0",
-                     std::string( prefix ) + "60 attach KrellMem::attach() delegating to Dov::SharedMem size:300 mode:0",
-                     std::string( prefix ) + "133 memSize KrellMem::memSize() delegating to Dov::SharedMem",
-                     std::string( prefix ) + "60 attach KrellMem::attach() delegating to Dov::SharedMem size:200 mode:1" ) );
+        ElementsAre(
+            std::string( prefix ) + "33 KrellMem KrellMem::KrellMem() prefix: " +
+                ( root / "coll" ) + " name:slots localMem:0",
+            std::string( prefix ) +
+                "60 attach KrellMem::attach() delegating to Dov::SharedMem size:300 mode:0",
+            std::string( prefix ) + "133 memSize KrellMem::memSize() delegating to Dov::SharedMem",
+            std::string( prefix ) +
+                "60 attach KrellMem::attach() delegating to Dov::SharedMem size:200 mode:1" ) );
     EXPECT_EQ( recorder.records[ 0 ].handle, "Krell" );
     EXPECT_EQ( recorder.records[ 0 ].context, "<unknown>" );
 }
@@ -157,10 +160,12 @@ TEST_F( KrellMemTest, LocalTracesCarryTheirPositions ) {
     mem.attach( 7, Dov::SharedMem::readWrite );
     EXPECT_THAT(
         recorder.lines(),
-        ElementsAre( std::string( prefix ) + "33 KrellMem KrellMem::KrellMem() prefix: " + ( root / "coll" ) +
-                         " name:buckets localMem:1",
-                     std::string( prefix ) + "72 attach KrellMem::attach() allocating local memory size:300 mode:0",
-                     std::string( prefix ) + "67 attach KrellMem::attach() using local memory size:7 mode:2" ) );
+        ElementsAre( std::string( prefix ) + "33 KrellMem KrellMem::KrellMem() prefix: " +
+                         ( root / "coll" ) + " name:buckets localMem:1",
+                     std::string( prefix ) +
+                         "72 attach KrellMem::attach() allocating local memory size:300 mode:0",
+                     std::string( prefix ) +
+                         "67 attach KrellMem::attach() using local memory size:7 mode:2" ) );
 }
 
 TEST_F( KrellMemTest, NothingIsTracedAtOtherLevels ) {
@@ -177,7 +182,8 @@ TEST_F( KrellMemTest, TheCoverageStreamGetsTracesThatAreOff ) {
     const TraceRecorder recorder;
     KrellMem mem( handler, path, "slots", true );
     Qel::coverageStream_ = nullptr;
-    EXPECT_EQ( coverage.str(), "KrellMem::KrellMem() prefix: " + ( root / "coll" ) + " name:slots localMem:1\n" );
+    EXPECT_EQ( coverage.str(),
+               "KrellMem::KrellMem() prefix: " + ( root / "coll" ) + " name:slots localMem:1\n" );
     EXPECT_THAT( recorder.lines(), ElementsAre() );
 }
 

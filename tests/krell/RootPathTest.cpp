@@ -36,7 +36,9 @@ std::string messageOf( const Action& action ) {
 
 class RootPathTest : public testing::Test {
 protected:
-    RootPath path( const std::string& name, bool create = false ) { return RootPath( handler, name, create ); }
+    RootPath path( const std::string& name, bool create = false ) {
+        return RootPath( handler, name, create );
+    }
 
     TestRoot root;
     RecordingDebugHandler handler;
@@ -94,7 +96,8 @@ TEST_F( RootPathTest, NamesThatLeaveTheRootAreRefused ) {
         EXPECT_THAT( messageOf< InvalidInitializeException >( [ & ] { path( name, true ); } ),
                      HasSubstr( "has a component '..'" ) );
     }
-    EXPECT_THAT( messageOf< InvalidInitializeException >( [ & ] { path( std::string( "a\0b", 3 ), true ); } ),
+    EXPECT_THAT( messageOf< InvalidInitializeException >(
+                     [ & ] { path( std::string( "a\0b", 3 ), true ); } ),
                  HasSubstr( "holds a NUL byte" ) );
     EXPECT_TRUE( fs::is_empty( root.path() ) );
 }
@@ -169,8 +172,9 @@ TEST_F( RootPathTest, RemoveFileInAMissingDirectoryDoesNothing ) {
 
 TEST_F( RootPathTest, CleanupRemovesACollectionWithItsDirectory ) {
     RootPath p = path( "plant/coll", true );
-    for ( const char* name : { "slots", "buckets", "conquer.1", "conquer.2", "fenix", "corruption-detected",
-                               "doorbell", "last-owner", "slots.tmp-12-3", "fenix.tmp-1-1" } ) {
+    for ( const char* name :
+          { "slots", "buckets", "conquer.1", "conquer.2", "fenix", "corruption-detected",
+            "doorbell", "last-owner", "slots.tmp-12-3", "fenix.tmp-1-1" } ) {
         bytesInto( p.fullPath( name ), "x" );
     }
     p.cleanup();
@@ -185,8 +189,9 @@ TEST_F( RootPathTest, CleanupLeavesFilesOfOtherNames ) {
         bytesInto( p.fullPath( name ), "x" );
     }
     p.cleanup();
-    EXPECT_THAT( Directory::open( p.directory() ).names(),
-                 testing::UnorderedElementsAre( "slots2", "notes.txt", "other.tmp-1-1", "slots.tmp-x" ) );
+    EXPECT_THAT(
+        Directory::open( p.directory() ).names(),
+        testing::UnorderedElementsAre( "slots2", "notes.txt", "other.tmp-1-1", "slots.tmp-x" ) );
 }
 
 TEST_F( RootPathTest, CleanupOfAnEmptyDirectoryRemovesIt ) {

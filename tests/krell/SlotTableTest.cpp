@@ -39,13 +39,17 @@ protected:
     }
 
     // Fails with that text and trace line.
-    void expectFault( const std::string& text, unsigned line, std::size_t size = 440, U32 fenix = 0 ) {
+    void expectFault( const std::string& text,
+                      unsigned line,
+                      std::size_t size = 440,
+                      U32 fenix = 0 ) {
         handler.levels = { 0 };
         const TraceRecorder recorder;
         std::string error = "before";
         EXPECT_FALSE( header.validate( handler, size, fenix, error ) );
         EXPECT_EQ( error, text );
-        EXPECT_THAT( recorder.lines(), ElementsAre( prefix + std::to_string( line ) + " validate " + text ) );
+        EXPECT_THAT( recorder.lines(),
+                     ElementsAre( prefix + std::to_string( line ) + " validate " + text ) );
     }
     void expectValid( std::size_t size = 440, U32 fenix = 0 ) {
         handler.allLevels = true;
@@ -104,7 +108,8 @@ TEST_F( SlotTableTest, AFreshHeaderIsEmpty ) {
 
 TEST_F( SlotTableTest, ChecksumIsTheSumOfTheFiveRanges ) {
     U32 sum = 0;
-    for ( auto [ offset, length ] : { std::pair( 16, 64 ), { 80, 64 }, { 144, 4 }, { 148, 4 }, { 152, 4 } } ) {
+    for ( auto [ offset, length ] :
+          { std::pair( 16, 64 ), { 80, 64 }, { 144, 4 }, { 148, 4 }, { 152, 4 } } ) {
         sum += Util::hash( bytes() + offset, unsigned( length ) );
     }
     EXPECT_EQ( header.doHash(), sum );
@@ -168,7 +173,9 @@ TEST_F( SlotTableTest, FourIsAnotherFenixUnlessNoneIsExpected ) {
 TEST_F( SlotTableTest, FiveIsTheChecksum ) {
     header.checksum += 1;
     const U32 computed = header.doHash();
-    expectFault( "SlotTable::Header::validate() checksum fail: " + hex( computed ) + " != " + hex( computed + 1 ), 258 );
+    expectFault( "SlotTable::Header::validate() checksum fail: " + hex( computed ) +
+                     " != " + hex( computed + 1 ),
+                 258 );
 }
 
 TEST_F( SlotTableTest, SixIsMoreOccupiedThanThere ) {
@@ -194,20 +201,26 @@ TEST_F( SlotTableTest, SevenIsAFreeSlotOutOfRange ) {
 }
 
 TEST_F( SlotTableTest, EightIsASegmentTooSmallForItsSlots ) {
-    expectFault( "SlotTable::Header::validate() bad shmem size:439 wanted:440 for 10 slots", 281, 439 );
+    expectFault( "SlotTable::Header::validate() bad shmem size:439 wanted:440 for 10 slots", 281,
+                 439 );
     header.numSlots.count = 1;
     header.occupiedSlots = 0;
     header.freeSlots = 0xFFFFFFFFU;
-    expectFault( "SlotTable::Header::validate() bad shmem size:200 wanted:224 for 1 slots", 281, 200 );
+    expectFault( "SlotTable::Header::validate() bad shmem size:200 wanted:224 for 1 slots", 281,
+                 200 );
     expectValid( 224 );
 }
 
 TEST_F( SlotTableTest, TheSizeOfManySlotsDoesNotWrap ) {
     header.numSlots.count = 0x80000000U;
     header.freeSlots = 0xFFFFFFFFU;
-    expectFault( "SlotTable::Header::validate() bad shmem size:440 wanted:51539607752 for 2147483648 slots", 281 );
+    expectFault(
+        "SlotTable::Header::validate() bad shmem size:440 wanted:51539607752 for 2147483648 slots",
+        281 );
     header.numSlots.count = 0xFFFFFFFFU;
-    expectFault( "SlotTable::Header::validate() bad shmem size:440 wanted:103079215280 for 4294967295 slots", 281 );
+    expectFault(
+        "SlotTable::Header::validate() bad shmem size:440 wanted:103079215280 for 4294967295 slots",
+        281 );
 }
 
 TEST_F( SlotTableTest, TheFirstFaultCounts ) {
@@ -296,7 +309,8 @@ TEST_F( SlotTableTest, ASnapshotIsNeverAMixture ) {
         for ( unsigned i = 0; i < 20000 || !changed; ++i ) {
             const Header copy( header );
             const U32 v = copy.numSlots.version;
-            mixed = mixed || copy.numSlots.count != v || copy.occupiedSlots > v + 1 || copy.occupiedSlots < v;
+            mixed = mixed || copy.numSlots.count != v || copy.occupiedSlots > v + 1 ||
+                    copy.occupiedSlots < v;
             changed = changed || v != 0;
             good += copy.numSlots.count == v;
         }
@@ -304,7 +318,8 @@ TEST_F( SlotTableTest, ASnapshotIsNeverAMixture ) {
     } );
     for ( U32 v = 1; !( good & 0x80000000U ); ++v ) {
         Dov::Atomics::storeRelease( &header.occupiedSlots, v );
-        Dov::Atomics::storeRelease( reinterpret_cast< U64* >( &header.numSlots ), VerU32 { v, v }.word() );
+        Dov::Atomics::storeRelease( reinterpret_cast< U64* >( &header.numSlots ),
+                                    VerU32 { v, v }.word() );
     }
     reader.join();
     EXPECT_FALSE( mixed );
@@ -338,7 +353,8 @@ TEST_F( SlotTableTest, DetachGivesASharedSegmentBack ) {
     table.detach();
     EXPECT_EQ( table.segment().address(), nullptr );
     EXPECT_TRUE( std::filesystem::exists( root / "coll/slots" ) );
-    EXPECT_THAT( recorder.lines(), ElementsAre( "5 /usr/include/Krell/SlotTable:319 detach SlotTable::detach()" ) );
+    EXPECT_THAT( recorder.lines(),
+                 ElementsAre( "5 /usr/include/Krell/SlotTable:319 detach SlotTable::detach()" ) );
 }
 
 TEST_F( SlotTableTest, DetachFreesALocalSegmentAndNothingWhenThereIsNone ) {

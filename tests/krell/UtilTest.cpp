@@ -93,7 +93,8 @@ TEST( UtilTest, EveryInputBitChangesEveryOutputBitHalfOfTheTime ) {
                 }
             }
             for ( int count : flips ) {
-                EXPECT_NEAR( double( count ) / inputs, 0.5, 0.06 ) << length << " bytes, bit " << bit;
+                EXPECT_NEAR( double( count ) / inputs, 0.5, 0.06 )
+                    << length << " bytes, bit " << bit;
             }
         }
     }

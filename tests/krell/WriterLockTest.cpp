@@ -35,7 +35,9 @@ protected:
     std::string file() const { return root / "coll/last-owner"; }
     // Whether another process gets the lock now.
     bool freeForOthers() const {
-        return inChild( [ & ] { return WriterLock().tryLock( Directory::open( root / "coll" ) ) ? 1 : 2; } ) == 1;
+        return inChild( [ & ] {
+                   return WriterLock().tryLock( Directory::open( root / "coll" ) ) ? 1 : 2;
+               } ) == 1;
     }
     // A process that locks and writes its name.
     std::unique_ptr< Child > otherWriter() const {
@@ -294,7 +296,9 @@ TEST_F( WriterLockTest, ASpawnedProgramDoesNotInheritTheLockFile ) {
     const std::string command = "ls -l /proc/self/fd | grep -q last-owner";
     const char* arguments[] = { "sh", "-c", command.c_str(), nullptr };
     pid_t pid = 0;
-    ASSERT_EQ( ::posix_spawnp( &pid, "sh", nullptr, nullptr, const_cast< char** >( arguments ), environ ), 0 );
+    ASSERT_EQ(
+        ::posix_spawnp( &pid, "sh", nullptr, nullptr, const_cast< char** >( arguments ), environ ),
+        0 );
     int status = 0;
     ASSERT_EQ( ::waitpid( pid, &status, 0 ), pid );
     EXPECT_EQ( WEXITSTATUS( status ), 1 );
@@ -450,7 +454,8 @@ TEST_F( WriterLockTest, OwnerTextIsLinesThatPeopleRead ) {
     EXPECT_EQ( bytesOf( file() ),
                "process: " + Util::processName() + "\npid: " + std::to_string( ::getpid() ) +
                    "\nstart-time: " + std::to_string( Util::processStartTime( ::getpid() ) ) +
-                   "\nboot-id: " + Util::bootId() + "\nuid: " + std::to_string( ::getuid() ) + "\n" );
+                   "\nboot-id: " + Util::bootId() + "\nuid: " + std::to_string( ::getuid() ) +
+                   "\n" );
 }
 
 TEST_F( WriterLockTest, WriteOwnerReplacesALongerText ) {
@@ -479,7 +484,8 @@ TEST_F( WriterLockTest, WriteOwnerWithoutSpaceIsAMemoryResource ) {
         try {
             lock.writeOwner();
         } catch ( const MemoryResourceException& e ) {
-            return locked && lock.held() && e.msg() == "pwrite " + file() + ": File too large" ? 0 : 1;
+            return locked && lock.held() && e.msg() == "pwrite " + file() + ": File too large" ? 0
+                                                                                               : 1;
         }
         return 2;
     } );
@@ -530,10 +536,12 @@ TEST_F( WriterLockTest, RefusalNamesWhoeverIsKnown ) {
     owner.process = "plantd";
     owner.pid = 12;
     const std::string path = root / "coll";
-    EXPECT_EQ( WriterLock::refusalText( directory, 12, owner ), path + " is written by plantd (pid 12)" );
+    EXPECT_EQ( WriterLock::refusalText( directory, 12, owner ),
+               path + " is written by plantd (pid 12)" );
     EXPECT_EQ( WriterLock::refusalText( directory, 13, owner ), path + " is written by pid 13" );
     EXPECT_EQ( WriterLock::refusalText( directory, 13, Owner() ), path + " is written by pid 13" );
-    EXPECT_EQ( WriterLock::refusalText( directory, -1, owner ), path + " is written by plantd (pid 12)" );
+    EXPECT_EQ( WriterLock::refusalText( directory, -1, owner ),
+               path + " is written by plantd (pid 12)" );
     EXPECT_EQ( WriterLock::refusalText( directory, -1, Owner() ),
                path + " is written by a process that has no pid here" );
 }
@@ -549,10 +557,12 @@ TEST( OwnerTest, TextIsReadBack ) {
 
 TEST( OwnerTest, GarbageIsAnEmptyOwner ) {
     for ( const std::string& text :
-          { std::string(), std::string( "\n\n" ), std::string( 5000, '\0' ), std::string( 5000, 'p' ),
-            std::string( "pid: " ), std::string( "pid: \n" ), std::string( "pid: x\n" ), std::string( "pid: 0\n" ),
-            std::string( "pid: -3\n" ), std::string( "pid: 12" ), std::string( "pid: 12x\n" ),
-            std::string( "pid: 99999999999999\n" ), std::string( "pid:12\n" ), std::string( "PID: 12\n" ) } ) {
+          { std::string(), std::string( "\n\n" ), std::string( 5000, '\0' ),
+            std::string( 5000, 'p' ), std::string( "pid: " ), std::string( "pid: \n" ),
+            std::string( "pid: x\n" ), std::string( "pid: 0\n" ), std::string( "pid: -3\n" ),
+            std::string( "pid: 12" ), std::string( "pid: 12x\n" ),
+            std::string( "pid: 99999999999999\n" ), std::string( "pid:12\n" ),
+            std::string( "PID: 12\n" ) } ) {
         EXPECT_TRUE( Owner::parse( text ).empty() ) << text;
         EXPECT_EQ( Owner::parse( text ), Owner() );
     }
@@ -571,13 +581,15 @@ TEST( OwnerTest, EveryTruncationIsReadOrEmpty ) {
     const std::string text = self.text();
     for ( std::size_t length = 0; length <= text.size(); ++length ) {
         const Owner owner = Owner::parse( text.substr( 0, length ) );
-        EXPECT_TRUE( owner.empty() || ( owner.pid == self.pid && owner.process == self.process ) ) << length;
+        EXPECT_TRUE( owner.empty() || ( owner.pid == self.pid && owner.process == self.process ) )
+            << length;
     }
 }
 
 TEST( OwnerTest, OfEachKeyTheFirstLineCounts ) {
     const std::string old = "process: old\npid: 1\nstart-time: 1\nboot-id: o\nuid: 1\n";
-    const Owner owner = Owner::parse( "process: new\npid: 2\nstart-time: 2\nboot-id: n\nuid: 2\n" + old );
+    const Owner owner =
+        Owner::parse( "process: new\npid: 2\nstart-time: 2\nboot-id: n\nuid: 2\n" + old );
     EXPECT_EQ( owner, ( Owner { "new", 2, 2, "n", 2 } ) );
 }
 

@@ -2,6 +2,9 @@
 
 #include <gmock/gmock.h>
 
+#include <thread>
+#include <vector>
+
 #include <Qel/Ptr>
 
 namespace {
@@ -33,13 +36,13 @@ TEST( Ptr, LastReferenceDestroysTheObject ) {
 TEST( Ptr, FlagsAreNoReferences ) {
     int deaths = 0;
     Qel::Ptr< Thing > a = new Thing( deaths );
-    a->flagIs( Qel::Counted::isNondestructingFlag_, true );
-    a->flagIs( Qel::Counted::zeroReferencesFlag_, true );
-    EXPECT_TRUE( a->flag( Qel::Counted::isNondestructingFlag_ ) );
+    a->lifeFlagIs( Qel::Counted::isNondestructingFlag_, true );
+    a->lifeFlagIs( Qel::Counted::zeroReferencesFlag_, true );
+    EXPECT_TRUE( a->lifeFlag( Qel::Counted::isNondestructingFlag_ ) );
     EXPECT_EQ( 1U, a->references() );
-    a->flagIs( Qel::Counted::isNondestructingFlag_, false );
-    EXPECT_FALSE( a->flag( Qel::Counted::isNondestructingFlag_ ) );
-    EXPECT_TRUE( a->flag( Qel::Counted::zeroReferencesFlag_ ) );
+    a->lifeFlagIs( Qel::Counted::isNondestructingFlag_, false );
+    EXPECT_FALSE( a->lifeFlag( Qel::Counted::isNondestructingFlag_ ) );
+    EXPECT_TRUE( a->lifeFlag( Qel::Counted::zeroReferencesFlag_ ) );
     a = nullptr;
     EXPECT_EQ( 1, deaths );
 }
@@ -56,6 +59,24 @@ TEST( Ptr, ReferencesTakenByTheDestructorDoNotDestroyAgain ) {
     };
     Qel::Ptr< Clinging > a = new Clinging;
     a = nullptr;
+    EXPECT_EQ( 1, deaths );
+}
+
+TEST( Ptr, ReferencesMayBeCopiedAndReleasedOnAnyThread ) {
+    int deaths = 0;
+    constexpr int threads = 4;
+    {
+        const Qel::Ptr< Thing > shared = new Thing( deaths );
+        std::vector< std::jthread > running;
+        for ( int t = 0; t < threads; ++t ) {
+            running.emplace_back( [ mine = shared ] {
+                for ( int i = 0; i < 10000; ++i ) {
+                    const Qel::Ptr< Thing > copy = mine;
+                    EXPECT_GE( copy->references(), 2U );
+                }
+            } );
+        }
+    }
     EXPECT_EQ( 1, deaths );
 }
 

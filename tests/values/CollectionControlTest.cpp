@@ -14,6 +14,11 @@
 #include "Raised.h"
 #include "values/ControlMock.h"
 
+namespace Qel {
+template <>
+inline constexpr const char* foreignName< Krell::ControlBase > = "Krell::ControlBase";
+} // namespace Qel
+
 namespace {
 
 using Qel::genericValue;

@@ -212,6 +212,16 @@ TEST_F( Release, WhileDisconnectedIsNotCounted ) {
     expectStaysAt( 0 );
 }
 
+TEST_F( Release, NothingWakesADisconnectedOne ) {
+    Writer writer( directory );
+    sm->connectedIs( true );
+    sm->connectedIs( false );
+    writer.kill();
+    EXPECT_FALSE( turn() );
+    clock.set( clock.now() + 1 );
+    EXPECT_FALSE( turn() );
+}
+
 TEST_F( Release, ConnectingAgainWatchesThePresentWriter ) {
     Writer first( directory );
     sm->connectedIs( true );

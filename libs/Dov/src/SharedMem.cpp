@@ -51,7 +51,9 @@ SharedMem::SharedMem( const std::string& directory,
                       const std::string& name,
                       bool unlinkAtDestruction,
                       bool lockPages )
-    : directory_( directory ), name_( name ), unlinkAtDestruction_( unlinkAtDestruction ),
+    : directory_( directory ),
+      name_( name ),
+      unlinkAtDestruction_( unlinkAtDestruction ),
       lockPages_( lockPages ) {}
 
 SharedMem::~SharedMem() {
@@ -133,16 +135,15 @@ std::size_t SharedMem::memSize() const noexcept {
     struct stat status;
     const bool byPath = directoryFd_ < 0;
     const std::string where = byPath ? path() : name_;
-    if ( ::fstatat( byPath ? AT_FDCWD : directoryFd_, where.c_str(), &status, AT_SYMLINK_NOFOLLOW ) != 0 ||
+    if ( ::fstatat( byPath ? AT_FDCWD : directoryFd_, where.c_str(), &status,
+                    AT_SYMLINK_NOFOLLOW ) != 0 ||
          !S_ISREG( status.st_mode ) || std::uintmax_t( status.st_size ) > SIZE_MAX ) {
         return 0;
     }
     return std::size_t( status.st_size );
 }
 
-std::string SharedMem::path() const {
-    return directory_ + "/" + name_;
-}
+std::string SharedMem::path() const { return directory_ + "/" + name_; }
 
 bool SharedMem::failed( const char* call, int errorNumber, const std::string& reason ) {
     errorNumber_ = errorNumber;
@@ -163,10 +164,8 @@ int SharedMem::openAt( const char* call, int flags ) {
     const std::string where = byPath ? path() : name_;
     int fd;
     do {
-        fd = ::openat( byPath ? AT_FDCWD : directoryFd_,
-                       where.c_str(),
-                       flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
-                       fileMode );
+        fd = ::openat( byPath ? AT_FDCWD : directoryFd_, where.c_str(),
+                       flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, fileMode );
     } while ( fd < 0 && errno == EINTR );
     if ( fd < 0 ) {
         failed( call, errno );
@@ -176,7 +175,8 @@ int SharedMem::openAt( const char* call, int flags ) {
 
 bool SharedMem::openNew( std::size_t size ) {
     if ( size == 0 || size > std::size_t( PTRDIFF_MAX ) ) {
-        return failed( "create", size == 0 ? EINVAL : ENOMEM, "no size for a mapping: " + std::to_string( size ) );
+        return failed( "create", size == 0 ? EINVAL : ENOMEM,
+                       "no size for a mapping: " + std::to_string( size ) );
     }
     fd_ = openAt( "create", O_RDWR | O_CREAT | O_EXCL );
     if ( fd_ < 0 ) {
@@ -206,8 +206,7 @@ bool SharedMem::openExisting( std::size_t& size ) {
         return failed( "open", ENODATA, "the file is empty" );
     }
     if ( there < size ) {
-        return failed( "open",
-                       ENODATA,
+        return failed( "open", ENODATA,
                        "the file holds " + std::to_string( there ) + " bytes, fewer than " +
                            std::to_string( size ) );
     }

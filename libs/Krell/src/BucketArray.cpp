@@ -20,11 +20,26 @@ BucketArray BucketArray::inUse( Segments& segments ) {
         if ( loadRelaxed( &head.generation ) == table.generation() &&
              loadRelaxed( &head.log2 ) == table.log2() && lines > table.primaries() &&
              line + lines <= segments.linesMapped() ) {
-            return BucketArray( segments, line, table.log2(), lines );
+            BucketArray array( segments, line, table.log2(), lines );
+            array.countOverflow();
+            return array;
         }
     }
     throw CorruptionDetectedException( segments.place() + ": table word " +
                                        std::to_string( table.word() ) + " names no bucket array" );
+}
+
+// Overflow buckets are linked in the order of their lines, each once.
+void BucketArray::countOverflow() {
+    U32 last = lines_ - 1 - overflowLines();
+    for ( U32 i = 1; i < lines_; ++i ) {
+        const U32 link = loadRelaxed( &bucket( line_ + i ).link );
+        if ( link >= lines_ ) {
+            wild( "link", link );
+        }
+        last = std::max( last, link );
+    }
+    overflowUsed_ = last - ( lines_ - 1 - overflowLines() );
 }
 
 U32 BucketArray::usualOverflow( unsigned log2 ) noexcept {

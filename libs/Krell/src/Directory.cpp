@@ -57,7 +57,8 @@ std::string joined( const std::string& path, const std::string& name ) {
 
 // The directory `name` below `base`; empty when it is missing. The mode of one that is made does not
 // depend on the umask.
-Fd openStep( const Fd& base, const std::string& name, const std::string& path, bool make, int flags ) {
+Fd openStep(
+    const Fd& base, const std::string& name, const std::string& path, bool make, int flags ) {
     const char* const entry = name.c_str();
     Fd fd( openRetried( base.get(), entry, flags ) );
     bool made = false;
@@ -106,7 +107,7 @@ void writeAll( const Fd& file, std::string_view bytes, const std::string& path )
 
 void Directory::checkPath( const std::string& path ) {
     const std::vector< std::string > components = componentsOf( path );
-    const char* fault = path.empty() || path[ 0 ] != '/'           ? "is not absolute"
+    const char* fault = path.empty() || path[ 0 ] != '/'         ? "is not absolute"
                         : path.find( '\0' ) != std::string::npos ? "holds a NUL byte"
                         : std::count( components.begin(), components.end(), ".." )
                             ? "has a component '..'"
@@ -119,13 +120,12 @@ void Directory::checkPath( const std::string& path ) {
 void Directory::checkName( const std::string& name ) {
     if ( name.empty() || name == "." || name == ".." ||
          name.find_first_of( std::string_view( "/\0", 2 ) ) != std::string::npos ) {
-        throw InvalidInitializeException( "'" + name + "' is not the name of a file in a directory" );
+        throw InvalidInitializeException( "'" + name +
+                                          "' is not the name of a file in a directory" );
     }
 }
 
-Directory Directory::open( const std::string& path ) {
-    return walk( path, false );
-}
+Directory Directory::open( const std::string& path ) { return walk( path, false ); }
 
 Directory Directory::create( const std::string& path ) {
     for ( int round = 0; round < 100; ++round ) { // somebody may remove what was just made
@@ -175,18 +175,18 @@ bool Directory::removeEmpty( const std::string& path ) {
         return parent.isOpen();
     }
     if ( errno != ENOENT && errno != ENOTEMPTY && errno != EEXIST ) {
-        throwSystemFailure( "unlinkat", path, reasonOf( parent.fd(), components.back().c_str(), errno ) );
+        throwSystemFailure( "unlinkat", path,
+                            reasonOf( parent.fd(), components.back().c_str(), errno ) );
     }
     return false;
 }
 
-std::string Directory::pathOf( const std::string& name ) const {
-    return joined( path_, name );
-}
+std::string Directory::pathOf( const std::string& name ) const { return joined( path_, name ); }
 
 Fd Directory::openFile( const std::string& name, int flags ) const {
     checkName( name );
-    Fd file( openRetried( fd(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY ) );
+    Fd file(
+        openRetried( fd(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY ) );
     if ( !file ) {
         if ( errno == ENOENT ) {
             return file;
@@ -213,7 +213,8 @@ Fd Directory::createFile( const std::string& name ) const {
 
 Fd Directory::createIfAbsent( const std::string& name ) const {
     checkName( name );
-    Fd file( openRetried( fd(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC ) );
+    Fd file(
+        openRetried( fd(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC ) );
     if ( !file && errno != EEXIST ) {
         throwSystemFailure( "openat", pathOf( name ), errno );
     }
@@ -258,8 +259,8 @@ bool Directory::exists( const std::string& name ) const {
 
 std::vector< std::string > Directory::names() const {
     Fd own( openRetried( fd(), ".", directoryFlags ) );
-    const std::unique_ptr< DIR, int ( * )( DIR* ) > stream( own ? ::fdopendir( own.get() ) : nullptr,
-                                                            []( DIR* d ) { return ::closedir( d ); } );
+    const std::unique_ptr< DIR, int ( * )( DIR* ) > stream(
+        own ? ::fdopendir( own.get() ) : nullptr, []( DIR* d ) { return ::closedir( d ); } );
     if ( !stream ) {
         throwSystemFailure( "opendir", path_, errno );
     }
@@ -279,7 +280,8 @@ std::vector< std::string > Directory::names() const {
     return found;
 }
 
-std::optional< std::string > Directory::readSmall( const std::string& name, std::size_t limit ) const {
+std::optional< std::string > Directory::readSmall( const std::string& name,
+                                                   std::size_t limit ) const {
     const Fd file = openFile( name, O_RDONLY );
     if ( !file ) {
         return std::nullopt;

@@ -5,19 +5,13 @@
 
 namespace Krell {
 
-std::string Exception::name() const {
-    return "Exception";
-}
+std::string Exception::name() const { return "Exception"; }
 
 Exception::~Exception() = default;
 
 #define KRELL_EXCEPTION( NAME )                                                                    \
-    std::string NAME::name() const {                                                               \
-        return #NAME;                                                                              \
-    }                                                                                              \
-    unsigned int NAME::id() const {                                                                \
-        return id_;                                                                                \
-    }                                                                                              \
+    std::string NAME::name() const { return #NAME; }                                               \
+    unsigned int NAME::id() const { return id_; }                                                  \
     NAME::~NAME() = default
 
 KRELL_EXCEPTION( MemoryResourceException );

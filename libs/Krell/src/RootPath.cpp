@@ -50,19 +50,17 @@ RootPath::RootPath( Platform::DebugHandler& handler, const std::string& name, bo
                                                         : top + "/" + name );
     Directory::checkPath( directory_ );
     ready_ = ( create ? Directory::create( directory_ ) : Directory::open( directory_ ) ).isOpen();
-    trace( 5,
-           "RootPath::RootPath() directory: " + directory_ + ( ready_ ? " ready" : " is missing" ) );
+    trace( 5, "RootPath::RootPath() directory: " + directory_ +
+                  ( ready_ ? " ready" : " is missing" ) );
 }
 
 std::string RootPath::fullPath( const std::string& name ) const {
-    return name.empty()         ? directory_
+    return name.empty()        ? directory_
            : directory_ == "/" ? directory_ + name
                                : directory_ + "/" + name;
 }
 
-bool RootPath::exists() const {
-    return Directory::open( directory_ ).isOpen();
-}
+bool RootPath::exists() const { return Directory::open( directory_ ).isOpen(); }
 
 void RootPath::removeFile( const std::string& name ) {
     Directory::checkName( name );

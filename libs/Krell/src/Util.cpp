@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <bit>
-#include <charconv>
 #include <cerrno>
+#include <charconv>
 
 #include <fcntl.h>
 
@@ -89,7 +89,8 @@ std::string dumpHex( const void* bytes, int size ) {
         if ( offset ) {
             text += '\n';
         }
-        appendLine( text, static_cast< const U8* >( bytes ), offset, std::min( lineBytes, size - offset ) );
+        appendLine( text, static_cast< const U8* >( bytes ), offset,
+                    std::min( lineBytes, size - offset ) );
         if ( size - offset <= lineBytes ) {
             break; // before the offset could pass the largest int
         }
@@ -116,8 +117,6 @@ std::string bootId() {
     return text.substr( 0, text.find( '\n' ) );
 }
 
-std::string processName() {
-    return program_invocation_short_name;
-}
+std::string processName() { return program_invocation_short_name; }
 
 } // namespace Krell::Util

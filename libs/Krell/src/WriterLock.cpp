@@ -46,7 +46,8 @@ Owner ownerIn( const Fd& file ) {
     do {
         length = ::pread( file.get(), text.data(), text.size(), 0 );
     } while ( length < 0 && errno == EINTR );
-    return Owner::parse( std::string_view( text ).substr( 0, length > 0 ? std::size_t( length ) : 0 ) );
+    return Owner::parse(
+        std::string_view( text ).substr( 0, length > 0 ? std::size_t( length ) : 0 ) );
 }
 
 } // namespace
@@ -129,9 +130,7 @@ std::optional< WriterLock::FileId > WriterLock::idOfName( const Directory& direc
     return std::nullopt;
 }
 
-WriterLock::~WriterLock() {
-    unlock();
-}
+WriterLock::~WriterLock() { unlock(); }
 
 bool WriterLock::tryLock( const Directory& directory ) {
     if ( held() ) {
@@ -164,7 +163,8 @@ WriterLock::Attempt WriterLock::attempt( const Directory& directory, Registry& r
             return Attempt::refused;
         }
     }
-    Fd file = named ? directory.openFile( fileName_, O_RDWR ) : directory.createIfAbsent( fileName_ );
+    Fd file =
+        named ? directory.openFile( fileName_, O_RDWR ) : directory.createIfAbsent( fileName_ );
     if ( !file ) {
         return Attempt::again; // gone, or there, meanwhile
     }
@@ -176,8 +176,10 @@ WriterLock::Attempt WriterLock::attempt( const Directory& directory, Registry& r
 }
 
 // The file is open, and not locked by this process.
-WriterLock::Attempt
-WriterLock::settle( const Directory& directory, Registry& registry, Fd file, const FileId& id ) {
+WriterLock::Attempt WriterLock::settle( const Directory& directory,
+                                        Registry& registry,
+                                        Fd file,
+                                        const FileId& id ) {
     struct flock range = wholeFile();
     int result;
     do {
@@ -210,9 +212,7 @@ void WriterLock::unlock() noexcept {
     lockedBy_ = 0;
 }
 
-bool WriterLock::held() const noexcept {
-    return lockedBy_ != 0 && lockedBy_ == thisProcess();
-}
+bool WriterLock::held() const noexcept { return lockedBy_ != 0 && lockedBy_ == thisProcess(); }
 
 void WriterLock::writeOwner() {
     if ( !held() ) {
@@ -223,7 +223,8 @@ void WriterLock::writeOwner() {
     const Owner self = Owner::self();
     const std::string text = self.text();
     for ( std::size_t at = 0; at < text.size(); ) {
-        const ssize_t n = ::pwrite( entry.file.get(), text.data() + at, text.size() - at, off_t( at ) );
+        const ssize_t n =
+            ::pwrite( entry.file.get(), text.data() + at, text.size() - at, off_t( at ) );
         if ( n < 0 && errno != EINTR ) {
             throwSystemFailure( "pwrite", path_, errno );
         }
@@ -271,8 +272,9 @@ pid_t WriterLock::holderOf( const Directory& directory ) {
     return registry.park( idOf( file.get(), path ), file ) ? ::getpid() : holder;
 }
 
-std::string
-WriterLock::refusalText( const Directory& directory, pid_t holder, const Owner& owner ) {
+std::string WriterLock::refusalText( const Directory& directory,
+                                     pid_t holder,
+                                     const Owner& owner ) {
     std::string who = owner.description();
     if ( holder > 0 && owner.pid != holder ) {
         who = "pid " + std::to_string( holder );

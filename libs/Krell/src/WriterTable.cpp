@@ -45,20 +45,23 @@ void WriterTable::insert( U32 hash, const U64* key, const U64* value ) {
     const BucketArray::Place place = roomFor( hash );
     const U32 index = takeSlot();
     KRELL_CRASH_POINT( "insert: slot taken" );
-    fill( segments_.slot( index ), hash, key, value );
+    SlotHead* const slot = segments_.slot( index );
+    fill( slot, hash, key, value );
     KRELL_CRASH_POINT( "insert: slot filled" );
     array_.put( place, hash, index );
     KRELL_CRASH_POINT( "insert: tag stored" );
+    const SlotVersion version( sequence_ + 1, SlotVersion::occupied );
+    storeRelease( &slot->version, version.word() ); // SYNC( slot-version )
+    KRELL_CRASH_POINT( "insert: slot occupied" );
     ++occupied_;
     ++slotAllocs_;
     ++inserts_;
     headerChanged();
     KRELL_CRASH_POINT( "insert: header stored" );
-    changed( sequence_ + 1 );
+    changed( version.sequence() );
 }
 
-// Nobody reaches the slot by its new key before the bucket names it; by its old key it is not
-// occupied already.
+// Whoever reaches the slot meanwhile finds it not occupied.
 void WriterTable::fill( SlotHead* slot, U32 hash, const U64* key, const U64* value ) {
     const Layout& layout = segments_.layout();
     const SlotVersion old( loadRelaxed( &slot->version ) );
@@ -68,8 +71,6 @@ void WriterTable::fill( SlotHead* slot, U32 hash, const U64* key, const U64* val
     KRELL_CRASH_POINT( "insert: key written" );
     storeRelease( &slot->hash, hash );
     storeWords( payloadOf( slot ) + layout.keyWords(), value, layout.valueWords() );
-    KRELL_CRASH_POINT( "insert: value written" );
-    storeRelease( &slot->version, SlotVersion( sequence_ + 1, SlotVersion::occupied ).word() );
 }
 
 void WriterTable::remove( const BucketArray::Place& place ) {

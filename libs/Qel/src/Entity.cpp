@@ -30,8 +30,8 @@ String Entity::fullName() const {
 
 Qel::Ptr< Dir > Entity::parent() const { return parent_; }
 
-void Entity::isNondestructingIs( bool on ) { flagIs( isNondestructingFlag_, on ); }
+void Entity::isNondestructingIs( bool on ) { lifeFlagIs( isNondestructingFlag_, on ); }
 
-void Entity::zeroReferencesIs( bool on ) { flagIs( zeroReferencesFlag_, on ); }
+void Entity::zeroReferencesIs( bool on ) { lifeFlagIs( zeroReferencesFlag_, on ); }
 
 } // namespace Qel

@@ -31,8 +31,8 @@ TraceHandle& trace() {
 }
 
 // What stop() touches: lock-free, for signal handlers. The flag says that a stop was asked for; the
-// event just ends a wait. stop() sets the flag before it reads the descriptor, the loop publishes the
-// descriptor before it reads the flag: one of them sees the other.
+// event just ends a wait. stop() sets the flag before it reads the descriptor, the loop publishes
+// the descriptor before it reads the flag: one of them sees the other.
 std::atomic< bool > stopFlag { false };
 std::atomic< int > wakeDescriptor { -1 };
 std::atomic< EventLoop* > madeLoop { nullptr };
@@ -64,8 +64,8 @@ int millisecondsOf( Seconds seconds ) {
     return seconds == neverTime ? -1 : int( std::fmin( milliseconds, most ) );
 }
 
-// The timer's setting for an absolute time. Zero would switch it off, and so far a time_t of 32 bits
-// reaches; a wake-up that comes too early is set again.
+// The timer's setting for an absolute time. Zero would switch it off, and so far a time_t of 32
+// bits reaches; a wake-up that comes too early is set again.
 itimerspec timerSetting( Seconds time ) {
     constexpr Seconds last = 2e9;
     const Seconds at = std::fmin( std::fmax( time, 1e-9 ), last );

@@ -4,8 +4,8 @@
 // Two epoll sets. The inner one holds the watched descriptors; it is made anew when it holds a file
 // that can no longer be taken out, because its descriptor was closed behind our back while a
 // duplicate of it lives. The outer one holds the inner one, the timer of the clock's earliest
-// wake-up, and the event by which stop() ends a wait; its descriptor is what embedders wait for, so it
-// stays.
+// wake-up, and the event by which stop() ends a wait; its descriptor is what embedders wait for, so
+// it stays.
 
 #pragma once
 
@@ -44,9 +44,10 @@ public:
     // Whether a stop was asked for; forgets it.
     bool takeStop() noexcept;
 
-    // Watches `fd`, which nobody watches yet, and returns the watch's number, never 0. When the number
-    // was that of a closed file that is still being watched, `former` is who did: it is without
-    // descriptor now and its reactors are to be told. SystemException when it cannot be watched.
+    // Watches `fd`, which nobody watches yet, and returns the watch's number, never 0. When the
+    // number was that of a closed file that is still being watched, `former` is who did: it is
+    // without descriptor now and its reactors are to be told. SystemException when it cannot be
+    // watched.
     U64 watch( int fd, FileDescriptor& owner, FileDescriptor::Ptr& former );
     void unwatch( U64 id ) noexcept;
 
