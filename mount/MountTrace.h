@@ -2,9 +2,7 @@
 
 #pragma once
 
-#include <sstream>
-
-#include <Krell/Platform>
+#include "platform/DebugText.h"
 
 namespace QelKrell {
 
@@ -15,17 +13,9 @@ constexpr int stepLevel = 5;      // step detail
 // The handler "KrellMount". Made on first use, kept for the life of the process.
 Krell::Platform::DebugHandler& mountHandler();
 
-// `build( stream )` writes the message; nothing is built when the level is off.
 template < class F >
 void traceMount( int level, F&& build ) {
-    Krell::Platform::DebugHandler& handler = mountHandler();
-    if ( handler.enabled( level ) ) {
-        constexpr int digits = 12;
-        std::stringstream text;
-        text.precision( digits );
-        build( text );
-        handler.dump( text, level );
-    }
+    debugText( mountHandler(), level, build );
 }
 
 } // namespace QelKrell
