@@ -5,11 +5,13 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 
 #include <gmock/gmock.h>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -23,6 +25,9 @@ namespace {
 
 using Dov::SharedMem;
 using testing::HasSubstr;
+
+// What the library's next allocations of file space answer, one by one; then the system's own.
+std::deque< int > allocationResults;
 
 class SharedMemTest : public testing::Test {
 protected:
@@ -482,6 +487,41 @@ TEST_F( SharedMemTest, WithoutDescriptorsTheReasonIsTold ) {
     EXPECT_FALSE( exists( "slots" ) );
 }
 
+TEST_F( SharedMemTest, OnAFullDiskACreationLeavesNothing ) {
+    allocationResults = { ENOSPC };
+    SharedMem mem( directory, "slots", false, false );
+    expectRefused( mem, 4096, SharedMem::create,
+                   "posix_fallocate " + at( "slots" ) + ": No space left on device", ENOSPC );
+    EXPECT_EQ( filesHere(), 0U );
+    EXPECT_TRUE( mem.attach( 4096, SharedMem::create ) ) << mem.errorText();
+}
+
+TEST_F( SharedMemTest, OnAFullDiskAGrowthChangesNothing ) {
+    SharedMem mem( directory, "slots", false, false );
+    ASSERT_TRUE( mem.attach( 4096, SharedMem::create ) );
+    std::memset( mem.address(), 'x', 4096 );
+    void* address = mem.address();
+    allocationResults = { ENOSPC };
+    EXPECT_FALSE( mem.resize( 8192 ) );
+    EXPECT_EQ( mem.errorText(), "posix_fallocate " + at( "slots" ) + ": No space left on device" );
+    EXPECT_EQ( mem.errorNumber(), ENOSPC );
+    EXPECT_EQ( mem.address(), address );
+    EXPECT_EQ( mem.memSize(), 4096U );
+    EXPECT_EQ( fileSize( "slots" ), 4096U );
+    EXPECT_EQ( std::string( bytes( mem ), 4096 ), std::string( 4096, 'x' ) );
+    EXPECT_TRUE( mem.resize( 8192 ) );
+}
+
+TEST_F( SharedMemTest, AnInterruptedAllocationGoesOn ) {
+    allocationResults = { EINTR, EINTR };
+    SharedMem mem( directory, "slots", false, false );
+    EXPECT_TRUE( mem.attach( 4096, SharedMem::create ) ) << mem.errorText();
+    EXPECT_TRUE( allocationResults.empty() );
+    allocationResults = { EINTR };
+    EXPECT_TRUE( mem.resize( 8192 ) );
+    EXPECT_EQ( fileSize( "slots" ), 8192U );
+}
+
 int asNobody( const std::string& directory ) {
     if ( ::setgid( 65534 ) != 0 || ::setuid( 65534 ) != 0 ) {
         return 77;
@@ -519,6 +559,9 @@ int lockBeyondTheLimit( const std::string& directory ) {
 }
 
 TEST_F( SharedMemTest, PagesAreLockedWhenAskedFor ) {
+#if defined( __SANITIZE_ADDRESS__ ) || defined( __SANITIZE_THREAD__ )
+    GTEST_SKIP() << "the sanitizers' runtime does not lock pages";
+#endif
     SharedMem mem( directory, "locked", false, true );
     ASSERT_TRUE( mem.attach( 4096, SharedMem::create ) ) << mem.errorText();
     std::ifstream status( "/proc/self/status" );
@@ -530,3 +573,17 @@ TEST_F( SharedMemTest, PagesAreLockedWhenAskedFor ) {
 }
 
 } // namespace
+
+// The library's calls come here.
+extern "C" __attribute__( ( visibility( "default" ) ) ) int posix_fallocate64( int fd,
+                                                                               off64_t offset,
+                                                                               off64_t length ) {
+    if ( !allocationResults.empty() ) {
+        const int result = allocationResults.front();
+        allocationResults.pop_front();
+        return result;
+    }
+    using Function = int ( * )( int, off64_t, off64_t );
+    return reinterpret_cast< Function >( ::dlsym( RTLD_NEXT, "posix_fallocate64" ) )( fd, offset,
+                                                                                      length );
+}

@@ -1,4 +1,5 @@
-// The directory reader: entries, absence, failures with their texts and positions, the stack of nodes.
+// The directory reader: entries, absence, failures with their texts and positions, the stack of
+// nodes.
 
 #include <Krell/DirNode>
 

@@ -1,5 +1,5 @@
-// What the collection library's tests give it in place of an embedding program: a debug handler that
-// records, and timers, descriptors and watches that fire when a test says so.
+// What the collection library's tests give it in place of an embedding program: a debug handler
+// that records, and timers, descriptors and watches that fire when a test says so.
 
 #pragma once
 
@@ -118,12 +118,12 @@ void bytesInto( const std::string& path, const std::string& bytes );
 // Permission bits of what stands there; -1 when nothing does.
 int modeOf( const std::string& path );
 
-// Runs `body` in a forked child and returns its exit status: what `body` returns, or 128 + the signal
-// that ended it.
+// Runs `body` in a forked child and returns its exit status: what `body` returns, or 128 + the
+// signal that ended it.
 int inChild( const std::function< int() >& body );
 
-// A forked child that runs `body`, then reports by `ready` and waits for the test. A child that does
-// not get to the report fails the construction with an exception.
+// A forked child that runs `body`, then reports and waits for the test. A child that
+// does not get to the report fails the construction with an exception.
 class Child {
 public:
     explicit Child( const std::function< bool() >& body );

@@ -1,4 +1,5 @@
-// The slot table's header: layout, checksum, the eight tests with their texts and traces, snapshots.
+// The slot table's header: layout, checksum, the eight tests with their texts and traces,
+// snapshots.
 
 #include <Krell/SlotTable>
 

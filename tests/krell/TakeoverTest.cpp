@@ -105,7 +105,7 @@ TEST_F( TakeoverTest, ADifferentLayoutGivesANewIncarnation ) {
     }
     expectNew(
         "the layout was Test::Value in Test::Entity (key 8 bytes, value 24 bytes, layout 000003eb: "
-        "key 1 words, value 3 words)" );
+        "key 1 words, value 3)" );
 }
 
 TEST_F( TakeoverTest, ASmallerFileOfAnotherLayoutGivesANewIncarnation ) {

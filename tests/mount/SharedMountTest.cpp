@@ -9,8 +9,7 @@
 
 #include "Raised.h"
 #include "mount/Child.h"
-#include "mount/Plant.h"
-#include "mount/Site.h"
+#include "mount/Mounted.h"
 
 namespace MountBench {
 
@@ -38,51 +37,24 @@ const Qel::Unit< Level, Tank > tankUnit( "tank" );
 
 namespace {
 
-using MountBench::Limit;
 using MountBench::Plant;
 using MountBench::plantType;
 using MountBench::Reading;
 using Qel::U32;
 using QelKrell::MountInfo;
+using QelKrellTest::asReader;
+using QelKrellTest::asWriter;
 using QelKrellTest::Channel;
 using QelKrellTest::Child;
 using QelKrellTest::loopUntil;
+using QelKrellTest::Mounted;
+using QelKrellTest::path;
 using QelKrellTest::raised;
+using QelKrellTest::readingOf;
+using QelKrellTest::same;
 using QelKrellTest::Site;
 
-constexpr const char* path = "site/north";
 constexpr U32 count = 100;
-
-MountInfo asWriter( U32 size = 0, bool cleanup = false ) {
-    MountInfo info( QelKrell::writer, cleanup );
-    info.collectionInfoIs( { "reading", size } );
-    info.collectionInfoIs( { "limit", size } );
-    return info;
-}
-const MountInfo asReader( QelKrell::reader );
-
-// A mounted plant in a process of its own system database.
-class Mounted {
-public:
-    explicit Mounted( const MountInfo& info, bool local = false ) : site_( local ) {
-        site_.mount.handleInitialized();
-        remount( info );
-    }
-    void remount( const MountInfo& info ) {
-        plant_ = Qel::ptrCast< Plant >( site_.mount.doMount( path, plantType, info ) );
-    }
-    Plant* operator->() const { return plant_.get(); }
-    Site& site() { return site_; }
-
-private:
-    Site site_;
-    Plant::Ptr plant_;
-};
-
-Reading readingOf( U32 sensor, U32 round ) {
-    return { sensor, sensor + round / 8.0, Qel::U64( round ) << 40 };
-}
-bool same( const Reading& a, const Reading& b ) { return Qel::sameValue( a, b ); }
 
 void fill( Mounted& plant, U32 round ) {
     for ( U32 i = 0; i < count; ++i ) {
@@ -299,6 +271,10 @@ TEST_F( SharedMount, MountingAgainKeepsTheCollectionsOpen ) {
 }
 
 TEST_F( SharedMount, AWriterThatIsMountedAsReaderWritesNoMore ) {
+    Child other( []( const Channel& channel ) {
+        channel.hear();
+        writes( channel );
+    } );
     Mounted plant( asWriter() );
     fill( plant, 1 );
     plant.remount( asReader );
@@ -306,7 +282,7 @@ TEST_F( SharedMount, AWriterThatIsMountedAsReaderWritesNoMore ) {
     EXPECT_THROW( plant->reading.is( readingOf( 1, 9 ) ), QelKrell::InvalidInitializeException );
     EXPECT_THROW( plant->reading.del( 1 ), QelKrell::InvalidInitializeException );
     holds( plant, 1 );
-    Child other( writes ); // and the lock is free
+    other.say( "the lock is free" );
     EXPECT_EQ( other.hear(), "ready" );
 }
 

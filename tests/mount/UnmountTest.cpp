@@ -84,8 +84,8 @@ TEST_F( Unmount, TracesEachStep ) {
                      "5 getDir() entering directory 'a'",
                      "5 getDir() retrieved directory '/sys/Krell/a'",
                      "5 Mount::getEntity() getting entity 'e'",
-                     "3 Mount::getEntity() successfully retrieved Entity(\\'UnmountTest::Bare\\', "
-                     "\\'/sys/Krell/a/e\\')",
+                     "3 Mount::getEntity() successfully retrieved Entity('UnmountTest::Bare', "
+                     "'/sys/Krell/a/e')",
                      "5 unmountCohabEntity() decremented ref count of '/sys/Krell/a/e' to 0",
                      "3 unmountCohabEntity() unmounting '/sys/Krell/a/e'",
                      "5 unmountCohabEntity() deleted entry 'e' from directory '/sys/Krell/a'",

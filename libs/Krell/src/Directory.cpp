@@ -55,8 +55,8 @@ std::string joined( const std::string& path, const std::string& name ) {
     return path == "/" ? path + name : path + "/" + name;
 }
 
-// The directory `name` below `base`; empty when it is missing. The mode of one that is made does not
-// depend on the umask.
+// The directory `name` below `base`; empty when it is missing. The mode of one that is made does
+// not depend on the umask.
 Fd openStep(
     const Fd& base, const std::string& name, const std::string& path, bool make, int flags ) {
     const char* const entry = name.c_str();

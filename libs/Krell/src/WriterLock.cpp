@@ -19,7 +19,8 @@ constexpr int maxAttempts = 1000;
 // How often this process's line of ancestors has forked since it first locked something.
 std::atomic< U32 > forks { 0 };
 
-// Tells this process from its forked ancestors, dead ones whose pid it may have got included. Not 0.
+// Tells this process from its forked ancestors, dead ones whose pid it may have got included. Not
+// 0.
 U64 thisProcess() noexcept {
     return U64( forks.load( std::memory_order_relaxed ) ) << 32 | U32( ::getpid() );
 }
@@ -91,8 +92,8 @@ public:
         entries_.insert_or_assign( id, Entry { thisProcess(), std::move( file ), owner, {} } );
     }
     void erase( const FileId& id ) { entries_.erase( id ); }
-    // Takes a descriptor that came to a file locked by this process, to keep it open; false, and the
-    // descriptor as it was, when the file is none.
+    // Takes a descriptor that came to a file locked by this process, to keep it open; false, and
+    // the descriptor as it was, when the file is none.
     bool park( const FileId& id, Fd& file ) {
         Entry* entry = find( id );
         if ( entry ) {
