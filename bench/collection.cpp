@@ -1,5 +1,5 @@
-// Finds, inserts, updates and iteration through the public interface: keys of 16 bytes, values of 48,
-// at the sizes given as arguments. The reader is a second attachment of the same files.
+// Finds, inserts, updates and iteration through the public interface: keys of 16 bytes, values of
+// 48, at the sizes given as arguments. The reader is a second attachment of the same files.
 
 #include <benchmark/benchmark.h>
 
@@ -24,7 +24,8 @@ public:
     QelKrell::Collection< &Entry::key > entry;
 };
 constexpr auto describe( const Store* ) {
-    return Qel::entityType< Store >( "Bench::Store", QelKrell::collection( "entry", &Store::entry ) );
+    return Qel::entityType< Store >( "Bench::Store",
+                                     QelKrell::collection( "entry", &Store::entry ) );
 }
 
 const Qel::Unit< Entry, Store > unit( "bench store" );

@@ -33,7 +33,8 @@ constexpr auto describe( const Board* ) {
 const Qel::Unit< Flag, Board > unit( "bench board" );
 
 Qel::String8 pathOf( Qel::S64 i ) {
-    return "row" + Qel::decimal( Qel::U64( i / 100 ) ) + "/board" + Qel::decimal( Qel::U64( i % 100 ) );
+    return "row" + Qel::decimal( Qel::U64( i / 100 ) ) + "/board" +
+           Qel::decimal( Qel::U64( i % 100 ) );
 }
 
 const QelKrell::Mount& mounts( bool local ) {

@@ -24,6 +24,9 @@ set( QELKRELL_WIDTH "" CACHE STRING "32 for 32-bit x86" )
 # "", "address" (with undefined behaviour) or "thread".
 set( QELKRELL_SANITIZE "" CACHE STRING "address or thread" )
 
+# File sizes and inode numbers of 64 bits, on 32-bit x86 too: the memory file system numbers that far.
+add_compile_definitions( _FILE_OFFSET_BITS=64 )
+
 add_library( qelkrell_options INTERFACE )
 target_compile_options( qelkrell_options INTERFACE -Wall -Wextra -Wpedantic -Werror )
 if( QELKRELL_WIDTH STREQUAL "32" )

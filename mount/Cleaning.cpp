@@ -2,9 +2,9 @@
 
 #include <Krell/DirNode>
 #include <Krell/KrellTest>
+#include <Qel/Assert>
 #include <QelKrell/Exception>
 #include <QelKrell/KrellMount>
-#include <Qel/Assert>
 
 #include "mount/Controls.h"
 #include "mount/MountTrace.h"
@@ -15,11 +15,15 @@ namespace {
 
 constexpr const char* source = "src-includes/QelKrell/KrellMount";
 constexpr Qel::SourcePosition typePosition {
-    source, 402, "Qel::String8 QelKrell::findEntityType(const Qel::String8&, const Qel::String8&)" };
+    source, 402, "Qel::String8 QelKrell::findEntityType(const Qel::String8&, const Qel::String8&)"
+};
 constexpr Qel::SourcePosition entityPosition { source, 449,
                                                "void QelKrell::Mount::cleanup(Qel::String) const" };
 
-void traceType( const char* what, const Qel::String8& type, const char* then, const std::string& path ) {
+void traceType( const char* what,
+                const Qel::String8& type,
+                const char* then,
+                const std::string& path ) {
     traceMount( operationLevel, [ & ]( std::ostream& text ) {
         text << "Mount::cleanup() " << what << type << then << path;
     } );
@@ -48,11 +52,13 @@ bool holdsSlots( const std::string& path ) {
     return false;
 }
 
-// The type recorded by the first of the entity's collections that has one; they all record the same.
+// The type recorded by the first of the entity's collections that has one; they all record the
+// same.
 Qel::String8 findEntityType( const Qel::String8& rootPath, const Qel::String8& entityFullPath ) {
     Qel::assertThat( !rootPath.empty() && !entityFullPath.empty(),
                      "!rootPath.empty() && !entityFullPath.empty()", typePosition );
-    const Krell::DirNode node( mountHandler(), ( rootPath + "/" + entityFullPath ).stdString(), nullptr );
+    const Krell::DirNode node( mountHandler(), ( rootPath + "/" + entityFullPath ).stdString(),
+                               nullptr );
     while ( const dirent* entry = node.readEntry() ) {
         const std::string name = entry->d_name;
         if ( entry->d_type != DT_DIR || name == "." || name == ".." ) {
@@ -100,8 +106,9 @@ void Mount::cleanup( Qel::String8 entityPath ) const {
     try {
         const Qel::String8 type = findEntityType( rootPath_, fullPath );
         if ( type.empty() ) {
-            throw Qel::InternalException( "Mount::cleanup() failed to find the entity type of " + entityPath +
-                                          ". All underlying slots files may have been deleted or corrupted." );
+            throw Qel::InternalException(
+                "Mount::cleanup() failed to find the entity type of " + entityPath +
+                ". All underlying slots files may have been deleted or corrupted." );
         }
         // Its name is its whole path: so its collections are those on disk.
         const Qel::Entity::Ptr entity = Qel::Entity::newEntity( type, fullPath );

@@ -9,8 +9,9 @@ std::optional< CollectionControl > getControl( Qel::GenericIf& entity, const Qel
     if ( attr && !attr->isFunction() && !attr->isCollection() ) {
         const Qel::GenericValue value = entity.attribute( attr->name );
         if ( const auto* control = value.as< CollectionControl >() ) {
-            traceMount( stepLevel,
-                        [ & ]( std::ostream& text ) { text << "getControl() found attribute " << name; } );
+            traceMount( stepLevel, [ & ]( std::ostream& text ) {
+                text << "getControl() found attribute " << name;
+            } );
             return *control;
         }
     }

@@ -4,8 +4,8 @@
 
 #include <optional>
 
-#include <QelKrell/CollectionControl>
 #include <Qel/GenericIf>
+#include <QelKrell/CollectionControl>
 
 namespace QelKrell {
 

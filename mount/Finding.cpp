@@ -29,18 +29,19 @@ bool isSelfOrParent( const char* name ) {
 // Whether a regular file of that name shows that its directory holds a collection. Every name does,
 // also one that no version of this library writes, but for the marker of a corruption: that is left
 // in a directory whose collection is gone.
-bool marksCollection( const char* name ) {
-    return std::strcmp( name, "corruption-detected" ) != 0;
-}
+bool marksCollection( const char* name ) { return std::strcmp( name, "corruption-detected" ) != 0; }
 
 [[noreturn]] void refuseTop() {
-    const Qel::String8 message = "Mount::find() detected that the search path is a collection directory";
+    const Qel::String8 message =
+        "Mount::find() detected that the search path is a collection directory";
     traceMount( errorLevel, [ & ]( std::ostream& text ) { text << message; } );
     throw Qel::InternalException( message );
 }
 
 // The directory above `node`'s is a mounted entity; counts it under its path below the root.
-void countEntity( const Krell::DirNode& node, const Qel::String8& rootPath, KrellEntities& counts ) {
+void countEntity( const Krell::DirNode& node,
+                  const Qel::String8& rootPath,
+                  KrellEntities& counts ) {
     if ( !node.parent() ) {
         refuseTop();
     }
@@ -59,8 +60,8 @@ void walk( Node node, const Qel::String8& rootPath, KrellEntities& counts ) {
             node = node->parent();
         } else if ( entry->d_type == DT_DIR ) {
             if ( !isSelfOrParent( entry->d_name ) ) {
-                node = std::make_shared< Krell::DirNode >( mountHandler(), node->path() + "/" + entry->d_name,
-                                                           node );
+                node = std::make_shared< Krell::DirNode >(
+                    mountHandler(), node->path() + "/" + entry->d_name, node );
             }
         } else if ( entry->d_type == DT_REG && marksCollection( entry->d_name ) ) {
             countEntity( *node, rootPath, counts );
@@ -71,13 +72,15 @@ void walk( Node node, const Qel::String8& rootPath, KrellEntities& counts ) {
 } // namespace
 
 Qel::Entity::Ptr Mount::find( Qel::String8 path ) const {
-    traceMount( operationLevel, [ & ]( std::ostream& text ) { text << "Mount::find() path: " << path; } );
+    traceMount( operationLevel,
+                [ & ]( std::ostream& text ) { text << "Mount::find() path: " << path; } );
     const KrellEntities::Ptr counts = krellEntitiesFactory( "KrellEntities" );
     const Qel::String8 prefix = krellDir_->fullName().substr( 1 );
     const Qel::String8 below = normalised( path );
     const Qel::String8 top = rootPath_ + "/" + prefix + ( below.empty() ? below : "/" + below );
     try {
-        walk( std::make_shared< Krell::DirNode >( mountHandler(), top.stdString(), nullptr ), rootPath_, *counts );
+        walk( std::make_shared< Krell::DirNode >( mountHandler(), top.stdString(), nullptr ),
+              rootPath_, *counts );
     } catch ( const Krell::Exception& e ) {
         throwQelKrellException( e );
     }

@@ -22,9 +22,7 @@ Qel::U32 KrellEntities::count( Qel::String8 name ) const {
     return node ? node->count_ : 0;
 }
 
-Qel::U32 KrellEntities::path( Qel::String8 name ) const {
-    return count( std::move( name ) );
-}
+Qel::U32 KrellEntities::path( Qel::String8 name ) const { return count( std::move( name ) ); }
 
 Qel::Ptr< KrellEntities::QelCount > KrellEntities::newCount( Qel::String8 name, Qel::U32 value ) {
     Qel::Ptr< QelCount > node = new QelCount( name, value );
@@ -82,9 +80,7 @@ void KrellEntities::isNondestructingIs( bool on ) {
     }
 }
 
-void KrellEntities::zeroReferencesIs( bool on ) {
-    Entity::zeroReferencesIs( on );
-}
+void KrellEntities::zeroReferencesIs( bool on ) { Entity::zeroReferencesIs( on ); }
 
 Qel::Ptr< Qel::QelType > KrellEntities::_fwkType() {
     static const auto type = new Qel::Ptr< Qel::QelType >( Qel::makeType< KrellEntities >() );

@@ -1,8 +1,8 @@
 #include <QelKrell/KrellMount>
 
 #include <Norvo/EntityManager>
-#include <QelKrell/RootPath>
 #include <Qel/Assert>
+#include <QelKrell/RootPath>
 
 #include "mount/MountTrace.h"
 #include "values/ValueType.h"
@@ -12,7 +12,8 @@ namespace QelKrell {
 constexpr auto describe( const Mount* ) {
     return Qel::valueType< Mount >(
         "QelKrell::Mount", Qel::attribute( "em", &Mount::em_ ),
-        Qel::attribute( "krellDir", &Mount::krellDir_ ), Qel::attribute( "rootPath", &Mount::rootPath_ ),
+        Qel::attribute( "krellDir", &Mount::krellDir_ ),
+        Qel::attribute( "rootPath", &Mount::rootPath_ ),
         Qel::attribute( "initialized", &Mount::initialized_, Qel::readOnly ),
         Qel::operation( "handleInitialized", &Mount::handleInitialized ),
         Qel::operation( "doMount", &Mount::doMount, { "entityPath", "entityType", "mountInfo" } ),
@@ -33,9 +34,11 @@ const Qel::Unit< CollectionInfo, MountInfo, KrellEntities, Mount > unit( "mount"
 const Qel::Name krellDirName( "Krell" );
 
 constexpr const char* source = "src-includes/QelKrell/KrellMount";
-constexpr Qel::SourcePosition initializedPosition { source, 71, "void QelKrell::Mount::handleInitialized()" };
+constexpr Qel::SourcePosition initializedPosition { source, 71,
+                                                    "void QelKrell::Mount::handleInitialized()" };
 constexpr Qel::SourcePosition getEntityPosition {
-    source, 118, "Qel::Entity::Ptr QelKrell::Mount::getQelEntity(Qel::String) const" };
+    source, 118, "Qel::Entity::Ptr QelKrell::Mount::getQelEntity(Qel::String) const"
+};
 
 } // namespace
 
@@ -54,12 +57,11 @@ Mount::~Mount() = default;
 Mount::Mount( const Mount& ) = default;
 Mount& Mount::operator=( const Mount& ) = default;
 
-void Mount::emIs( const Qel::Ptr< const Norvo::EntityManager >& em ) {
-    em_ = em;
-}
+void Mount::emIs( const Qel::Ptr< const Norvo::EntityManager >& em ) { em_ = em; }
 
 void Mount::handleInitialized() {
-    traceMount( operationLevel, []( std::ostream& text ) { text << "Mount::handleInitialized()"; } );
+    traceMount( operationLevel,
+                []( std::ostream& text ) { text << "Mount::handleInitialized()"; } );
     const Qel::Dir::Ptr sysDirPtr = getDir( em_->name(), Qel::Dir::globalDir() );
     Qel::assertThat( bool( sysDirPtr ), "sysDirPtr && \"error accessing sysname directory\"",
                      initializedPosition );
@@ -77,12 +79,15 @@ Qel::Entity::Ptr Mount::getEntity( Qel::String8 entityPath ) const {
 }
 
 Qel::Entity::Ptr Mount::getQelEntity( Qel::String8 entityPath ) const {
-    traceMount( operationLevel,
-                [ & ]( std::ostream& text ) { text << "Mount::getEntity() path: " << entityPath; } );
-    Qel::assertThat( !entityPath.empty(), "!entityPath.empty() && \"path is empty\"", getEntityPosition );
+    traceMount( operationLevel, [ & ]( std::ostream& text ) {
+        text << "Mount::getEntity() path: " << entityPath;
+    } );
+    Qel::assertThat( !entityPath.empty(), "!entityPath.empty() && \"path is empty\"",
+                     getEntityPosition );
     const std::size_t slash = entityPath.rfind( '/' );
     const bool nested = slash != Qel::String8::npos;
-    const Qel::Dir::Ptr dir = nested ? getDir( entityPath.substr( 0, slash ), krellDir_ ) : krellDir_;
+    const Qel::Dir::Ptr dir =
+        nested ? getDir( entityPath.substr( 0, slash ), krellDir_ ) : krellDir_;
     Qel::Entity::Ptr entity;
     if ( dir ) {
         const Qel::String8 name = nested ? entityPath.substr( slash + 1 ) : entityPath;

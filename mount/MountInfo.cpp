@@ -14,7 +14,9 @@ struct CollectionInfoEntry : Qel::EntryBase {
 
     void declare( Qel::IntrospectionReactor& reactor ) const;
     Qel::String print( const MountInfo& ) const { return "None"; }
-    void parse( MountInfo&, Qel::StringIteratorConst& it, const Qel::StringIteratorConst& end ) const {
+    void parse( MountInfo&,
+                Qel::StringIteratorConst& it,
+                const Qel::StringIteratorConst& end ) const {
         Qel::needString( it, end, " None" );
     }
     bool equal( const MountInfo& a, const MountInfo& b ) const {
@@ -57,11 +59,13 @@ public:
         return Qel::genericValue( info( o ).collectionInfo( *index.as< Qel::String8 >() ) );
     }
     // The index is the value's own name; another one would store it where nobody looks for it.
-    void writeAt( void* o, const Qel::GenericValue& index, const Qel::GenericValue& value ) const override {
+    void writeAt( void* o,
+                  const Qel::GenericValue& index,
+                  const Qel::GenericValue& value ) const override {
         const auto& v = *value.as< CollectionInfo >();
         if ( v.name() != *index.as< Qel::String8 >() ) {
-            throw Qel::BadIndexException( "bad index on attribute 'collectionInfo': the value's name is '" +
-                                          v.name() + "'" );
+            throw Qel::BadIndexException(
+                "bad index on attribute 'collectionInfo': the value's name is '" + v.name() + "'" );
         }
         static_cast< MountInfo* >( o )->collectionInfoIs( v );
     }
@@ -86,7 +90,8 @@ private:
 };
 
 void CollectionInfoEntry::declare( Qel::IntrospectionReactor& reactor ) const {
-    reactor.defNoninstantiatingAttr( name, Qel::typeNameOf< CollectionInfo >(), Qel::AttrFlags::isCollection_,
+    reactor.defNoninstantiatingAttr( name, Qel::typeNameOf< CollectionInfo >(),
+                                     Qel::AttrFlags::isCollection_,
                                      std::make_shared< CollectionInfoAccess >() );
 }
 
@@ -126,19 +131,16 @@ void MountInfo::collectionInfoIs( const CollectionInfo& info ) {
     }
 }
 
-Qel::Ptr< MountInfo::QelCollectionInfo > MountInfo::newCollectionInfo( const CollectionInfo& info ) {
+Qel::Ptr< MountInfo::QelCollectionInfo > MountInfo::newCollectionInfo(
+    const CollectionInfo& info ) {
     Qel::Ptr< QelCollectionInfo > node = new QelCollectionInfo( info );
     collectionInfo_.insert( node );
     return node;
 }
 
-void MountInfo::collectionInfoDel( const Qel::String8& name ) {
-    collectionInfo_.remove( name );
-}
+void MountInfo::collectionInfoDel( const Qel::String8& name ) { collectionInfo_.remove( name ); }
 
-void MountInfo::collectionInfoDelAll() {
-    collectionInfo_.clear();
-}
+void MountInfo::collectionInfoDelAll() { collectionInfo_.clear(); }
 
 QELKRELL_VALUE_TYPE( CollectionInfo )
 QELKRELL_VALUE_TYPE( MountInfo )

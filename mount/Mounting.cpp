@@ -1,9 +1,9 @@
 #include <Krell/Exception>
 #include <Norvo/EntityManager>
-#include <QelKrell/Exception>
-#include <QelKrell/KrellMount>
 #include <Qel/Assert>
 #include <Qel/GenericIf>
+#include <QelKrell/Exception>
+#include <QelKrell/KrellMount>
 
 #include "mount/Controls.h"
 #include "mount/MountTrace.h"
@@ -14,16 +14,16 @@ namespace {
 
 constexpr Qel::SourcePosition doMountPosition {
     "src-includes/QelKrell/KrellMount", 152,
-    "Qel::Entity::Ptr QelKrell::Mount::doMount(Qel::String, Qel::String, const QelKrell::MountInfo&) const" };
+    "Qel::Entity::Ptr QelKrell::Mount::doMount(Qel::String, Qel::String, const "
+    "QelKrell::MountInfo&) const"
+};
 
 [[noreturn]] void refuse( const Qel::String8& message ) {
     traceMount( errorLevel, [ & ]( std::ostream& text ) { text << message; } );
     throw MountException( message );
 }
 
-[[noreturn]] void refuseNested() {
-    refuse( "Mount::doMount() nested entities are not supported" );
-}
+[[noreturn]] void refuseNested() { refuse( "Mount::doMount() nested entities are not supported" ); }
 
 // The components of a path, every one of which must be a name.
 std::vector< Qel::String8 > components( const Qel::String8& path ) {
@@ -33,7 +33,8 @@ std::vector< Qel::String8 > components( const Qel::String8& path ) {
         all.push_back( path.substr( start, slash == Qel::String8::npos ? slash : slash - start ) );
         const Qel::String8& name = all.back();
         if ( name.empty() || name == "." || name == ".." ) {
-            refuse( "Mount::doMount() path: " + path + " has a component that is no name: '" + name + "'" );
+            refuse( "Mount::doMount() path: " + path + " has a component that is no name: '" +
+                    name + "'" );
         }
     }
     return all;
@@ -55,8 +56,9 @@ Qel::Dir::Ptr enterDirectory( const Qel::Dir::Ptr& dir, const Qel::String8& comp
     return dir->subdirIs( component );
 }
 
-Qel::Entity::Ptr
-createEntity( const Qel::Dir::Ptr& krellDir, const Qel::String8& path, const Qel::String8& type ) {
+Qel::Entity::Ptr createEntity( const Qel::Dir::Ptr& krellDir,
+                               const Qel::String8& path,
+                               const Qel::String8& type ) {
     const std::vector< Qel::String8 > names = components( path );
     Qel::Dir::Ptr dir = krellDir;
     for ( std::size_t i = 0; i + 1 < names.size(); ++i ) {
@@ -79,7 +81,9 @@ createEntity( const Qel::Dir::Ptr& krellDir, const Qel::String8& path, const Qel
     return entity;
 }
 
-void needType( const Qel::Entity::Ptr& entity, const Qel::String8& path, const Qel::String8& type ) {
+void needType( const Qel::Entity::Ptr& entity,
+               const Qel::String8& path,
+               const Qel::String8& type ) {
     traceMount( stepLevel, [ & ]( std::ostream& text ) {
         text << "Mount::doMount() found existing entity at '" << path << "'";
     } );
@@ -147,14 +151,16 @@ void openCollections( const Qel::Entity::Ptr& entity, const MountInfo& mountInfo
 
 } // namespace
 
-Qel::Entity::Ptr
-Mount::doMount( Qel::String8 entityPath, Qel::String8 entityType, const MountInfo& mountInfo ) const {
+Qel::Entity::Ptr Mount::doMount( Qel::String8 entityPath,
+                                 Qel::String8 entityType,
+                                 const MountInfo& mountInfo ) const {
     const bool local = em_->local();
     traceMount( operationLevel, [ & ]( std::ostream& text ) {
         text << "Mount::doMount() path: " << entityPath << " type: " << entityType
              << " mode: " << mountInfo.mode() << " local: " << local;
     } );
-    Qel::assertThat( !entityPath.empty(), "!entityPath.empty() && \"path is empty\"", doMountPosition );
+    Qel::assertThat( !entityPath.empty(), "!entityPath.empty() && \"path is empty\"",
+                     doMountPosition );
     Qel::Entity::Ptr entity = getQelEntity( entityPath );
     if ( entity ) {
         needType( entity, entityPath, entityType );
@@ -166,7 +172,8 @@ Mount::doMount( Qel::String8 entityPath, Qel::String8 entityType, const MountInf
         const Qel::U32 count = Qel::Entity::singletonIs< KrellEntities >()->countInc(
             krellDir_->fullName() + "/" + entityPath, 1 );
         traceMount( stepLevel, [ & ]( std::ostream& text ) {
-            text << "Mount::doMount() incremented ref count of '" << entity->fullName() << "' to " << count;
+            text << "Mount::doMount() incremented ref count of '" << entity->fullName() << "' to "
+                 << count;
         } );
     }
     return entity;

@@ -1,6 +1,6 @@
 #include <Norvo/EntityManager>
-#include <QelKrell/KrellMount>
 #include <Qel/Assert>
+#include <QelKrell/KrellMount>
 
 #include "mount/MountTrace.h"
 
@@ -9,7 +9,9 @@ namespace QelKrell {
 namespace {
 
 constexpr const char* source = "src-includes/QelKrell/KrellMount";
-constexpr Qel::SourcePosition doUnmountPosition { source, 231, "void QelKrell::Mount::doUnmount(Qel::String) const" };
+constexpr Qel::SourcePosition doUnmountPosition {
+    source, 231, "void QelKrell::Mount::doUnmount(Qel::String) const"
+};
 constexpr const char* entityFunction =
     "void QelKrell::unmountCohabEntity(const Qel::Entity::Ptr&, const Qel::Dir::Ptr&, bool)";
 constexpr Qel::SourcePosition entityPosition { source, 281, entityFunction };
@@ -25,12 +27,10 @@ void traceUnmounting( const Qel::String8& path ) {
     } );
 }
 
-bool isEmpty( const Qel::Dir& dir ) {
-    return dir.entrys() == 0 && dir.subdirs() == 0;
-}
+bool isEmpty( const Qel::Dir& dir ) { return dir.entrys() == 0 && dir.subdirs() == 0; }
 
-// The walk of a subtree, depth first, without recursion: a place in each directory from the start to
-// the current one.
+// The walk of a subtree, depth first, without recursion: a place in each directory from the start
+// to the current one.
 class DirWalk {
 public:
     explicit DirWalk( const Qel::Dir::Ptr& start ) { enter( start ); }
@@ -118,16 +118,19 @@ void Mount::doUnmountAll() const {
     }
 }
 
-void unmountCohabEntity( const Qel::Entity::Ptr& entity, const Qel::Dir::Ptr& topDir, bool cleanupDirs ) {
+void unmountCohabEntity( const Qel::Entity::Ptr& entity,
+                         const Qel::Dir::Ptr& topDir,
+                         bool cleanupDirs ) {
     Qel::assertThat( bool( entity ), "entity", entityPosition );
     const Qel::Name name = entity->name();
     const Qel::String8 entityFullName = entity->fullName();
     const KrellEntities::Ptr krellEntities = Qel::Entity::singletonIs< KrellEntities >();
-    Qel::assertThat( krellEntities->count( entityFullName ) != 0, "krellEntities->count( entityFullName )",
-                     countPosition );
+    Qel::assertThat( krellEntities->count( entityFullName ) != 0,
+                     "krellEntities->count( entityFullName )", countPosition );
     const Qel::U32 count = krellEntities->countDec( entityFullName, 1 );
     traceMount( stepLevel, [ & ]( std::ostream& text ) {
-        text << "unmountCohabEntity() decremented ref count of '" << entityFullName << "' to " << count;
+        text << "unmountCohabEntity() decremented ref count of '" << entityFullName << "' to "
+             << count;
     } );
     if ( count != 0 ) {
         return;
@@ -138,7 +141,8 @@ void unmountCohabEntity( const Qel::Entity::Ptr& entity, const Qel::Dir::Ptr& to
     Qel::Dir::Ptr parent = entity->parent();
     parent->entryDel( name );
     traceMount( stepLevel, [ & ]( std::ostream& text ) {
-        text << "unmountCohabEntity() deleted entry '" << name << "' from directory '" << parent->fullName() << "'";
+        text << "unmountCohabEntity() deleted entry '" << name << "' from directory '"
+             << parent->fullName() << "'";
     } );
     krellEntities->countDel( entityFullName );
     if ( cleanupDirs ) {

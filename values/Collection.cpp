@@ -31,7 +31,8 @@ void CollectionCore::timeout() {
 
 std::string CollectionCore::collectionPath() const {
     const std::string entityPath = entity_.fullName().stdString();
-    return ( entityPath.starts_with( '/' ) ? entityPath.substr( 1 ) : entityPath ) + "/" + name_.stdString();
+    return ( entityPath.starts_with( '/' ) ? entityPath.substr( 1 ) : entityPath ) + "/" +
+           name_.stdString();
 }
 
 void CollectionCore::handleFailed( const Krell::Exception& e ) {

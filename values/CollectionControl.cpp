@@ -2,8 +2,8 @@
 
 #include <Krell/ControlBase>
 #include <Krell/Exception>
-#include <QelKrell/Exception>
 #include <Qel/Describe>
+#include <QelKrell/Exception>
 
 namespace Qel {
 
@@ -23,12 +23,14 @@ constexpr auto describe( const CollectionControl* ) {
         Qel::operation( "init", &C::init, { "mode", "isLocal", "size" } ),
         Qel::operation( "cleanup", &C::cleanup ), Qel::operation( "rootPath", &C::rootPath ),
         Qel::operation( "krellName", &C::krellName ), Qel::operation( "validate", &C::validate ),
-        Qel::operation( "mountStatus", &C::mountStatus ), Qel::operation( "sequence", &C::sequence ),
-        Qel::operation( "fenixId", &C::fenixId ), Qel::operation( "owner", &C::owner ),
-        Qel::operation( "detach", &C::detach ), Qel::operation( "resize", &C::resize ),
-        Qel::operation( "maxSize", &C::maxSize ), Qel::operation( "capacity", &C::capacity ),
+        Qel::operation( "mountStatus", &C::mountStatus ),
+        Qel::operation( "sequence", &C::sequence ), Qel::operation( "fenixId", &C::fenixId ),
+        Qel::operation( "owner", &C::owner ), Qel::operation( "detach", &C::detach ),
+        Qel::operation( "resize", &C::resize ), Qel::operation( "maxSize", &C::maxSize ),
+        Qel::operation( "capacity", &C::capacity ),
         Qel::operation( "notifying", &C::notifying, { "notifying_" } ),
-        Qel::operation( "yieldTimeIs", &C::yieldTimeIs, { Qel::argument( "yieldTime", "Qel::Seconds" ) } ),
+        Qel::operation( "yieldTimeIs", &C::yieldTimeIs,
+                        { Qel::argument( "yieldTime", "Qel::Seconds" ) } ),
         Qel::operation( "sampleIs", &C::sampleIs, { "sample" } ) );
 }
 
@@ -36,39 +38,37 @@ namespace {
 
 const Qel::Unit< CollectionControl > unit( "collection control" );
 
-Qel::String8 fromStandard( const std::string& s ) {
-    return Qel::String8( s );
-}
+Qel::String8 fromStandard( const std::string& s ) { return Qel::String8( s ); }
 
 } // namespace
 
-CollectionControl::CollectionControl( Qel::StringIteratorConst& it, const Qel::StringIteratorConst& end )
+CollectionControl::CollectionControl( Qel::StringIteratorConst& it,
+                                      const Qel::StringIteratorConst& end )
     : control_( Qel::TextOf< Krell::ControlBase* >::parse( it, end ) ) {}
 
 bool CollectionControl::operator==( const CollectionControl& other ) const {
     return control_ == other.control_;
 }
 
-bool CollectionControl::operator!() const {
-    return control_ == nullptr;
-}
+bool CollectionControl::operator!() const { return control_ == nullptr; }
 
 Qel::Ptr< Qel::QelType > CollectionControl::_fwkType() {
     static const auto type = new Qel::Ptr< Qel::QelType >( Qel::makeType< CollectionControl >() );
     return *type;
 }
 
-Qel::Ptr< Qel::QelType > CollectionControl::fwkType() const {
-    return _fwkType();
-}
+Qel::Ptr< Qel::QelType > CollectionControl::fwkType() const { return _fwkType(); }
 
 void CollectionControl::init( QelKrellType mode, bool isLocal, unsigned int size ) {
     switch ( mode ) {
     case writer:
     case shadow:
     case reader:
-    case keyshadow: break;
-    default: throw InvalidInitializeException( "Unrecognized QelKrellType" + Qel::decimalSigned( mode ) );
+    case keyshadow:
+        break;
+    default:
+        throw InvalidInitializeException( "Unrecognized QelKrellType" +
+                                          Qel::decimalSigned( mode ) );
     }
     try {
         control_->init( mode, isLocal, size );
@@ -82,66 +82,41 @@ void CollectionControl::init( QelKrellType mode, bool isLocal, unsigned int size
 QelMountStatus CollectionControl::mountStatus() const {
     const int status = control_->mountStatus();
     if ( status < none || status > connected ) {
-        throw InvalidMountStatusException( "Unrecognized Krell::MountStatus" + Qel::decimalSigned( status ) );
+        throw InvalidMountStatusException( "Unrecognized Krell::MountStatus" +
+                                           Qel::decimalSigned( status ) );
     }
     return QelMountStatus( status );
 }
 
-void CollectionControl::cleanup() {
-    control_->cleanup();
-}
+void CollectionControl::cleanup() { control_->cleanup(); }
 
-bool CollectionControl::validate() {
-    return control_->validate();
-}
+bool CollectionControl::validate() { return control_->validate(); }
 
-Qel::U64 CollectionControl::sequence() const {
-    return control_->sequence();
-}
+Qel::U64 CollectionControl::sequence() const { return control_->sequence(); }
 
-unsigned int CollectionControl::fenixId() const {
-    return control_->fenixId();
-}
+unsigned int CollectionControl::fenixId() const { return control_->fenixId(); }
 
-void CollectionControl::detach() {
-    control_->detach();
-}
+void CollectionControl::detach() { control_->detach(); }
 
-bool CollectionControl::resize() const {
-    return control_->resize();
-}
+bool CollectionControl::resize() const { return control_->resize(); }
 
-unsigned int CollectionControl::maxSize() const {
-    return control_->maxSize();
-}
+unsigned int CollectionControl::maxSize() const { return control_->maxSize(); }
 
-unsigned int CollectionControl::capacity() const {
-    return control_->capacity();
-}
+unsigned int CollectionControl::capacity() const { return control_->capacity(); }
 
-void CollectionControl::notifying( bool on ) const {
-    control_->notifying( on );
-}
+void CollectionControl::notifying( bool on ) const { control_->notifying( on ); }
 
 bool CollectionControl::yieldTimeIs( const double& seconds ) const {
     return control_->yieldTimeIs( seconds );
 }
 
-void CollectionControl::sampleIs( unsigned int sample ) const {
-    control_->sampleIs( sample );
-}
+void CollectionControl::sampleIs( unsigned int sample ) const { control_->sampleIs( sample ); }
 
-Qel::String8 CollectionControl::owner() const {
-    return fromStandard( control_->owner() );
-}
+Qel::String8 CollectionControl::owner() const { return fromStandard( control_->owner() ); }
 
-Qel::String8 CollectionControl::krellName() const {
-    return fromStandard( control_->krellName() );
-}
+Qel::String8 CollectionControl::krellName() const { return fromStandard( control_->krellName() ); }
 
-Qel::String8 CollectionControl::rootPath() const {
-    return fromStandard( control_->rootPath() );
-}
+Qel::String8 CollectionControl::rootPath() const { return fromStandard( control_->rootPath() ); }
 
 WriterCounters CollectionControl::writerCounters() const {
     try {

@@ -12,7 +12,8 @@ void handTrace( const Qel::TraceHandle& handle,
                 int level,
                 bool enabled,
                 const Qel::SourcePosition& at ) {
-    Qel::traceHelper( handle.name(), "<unknown>", text, level, enabled, at.source, at.line, at.function );
+    Qel::traceHelper( handle.name(), "<unknown>", text, level, enabled, at.source, at.line,
+                      at.function );
 }
 
 } // namespace QelKrell

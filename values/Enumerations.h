@@ -13,7 +13,8 @@ Qel::String enumName( E v ) {
     constexpr const auto& table = Qel::tableOf< E >;
     const char* name = table.nameOf( v );
     return name ? Qel::String( name )
-                : Qel::String( Qel::shortTypeName( table.fullName ) ) + "(" + Qel::decimalSigned( int( v ) ) + ")";
+                : Qel::String( Qel::shortTypeName( table.fullName ) ) + "(" +
+                      Qel::decimalSigned( int( v ) ) + ")";
 }
 
 template < class E >
@@ -39,22 +40,13 @@ E enumOf( const Qel::String& name ) {
 }
 
 #define QELKRELL_ENUMERATION( TYPE )                                                               \
-    Qel::String stringValue( TYPE v ) {                                                            \
-        return enumName( v );                                                                      \
-    }                                                                                              \
-    std::ostream& operator<<( std::ostream& os, const TYPE& v ) {                                  \
-        return os << stringValue( v );                                                             \
-    }                                                                                              \
-    TYPE TYPE##Instance( unsigned int number ) {                                                   \
-        return enumOf< TYPE >( number );                                                           \
-    }                                                                                              \
-    TYPE TYPE##Instance( Qel::String name ) {                                                      \
-        return enumOf< TYPE >( name );                                                             \
-    }                                                                                              \
-    Qel::String valueToStrep( const TYPE& v ) {                                                    \
-        return "'" + stringValue( v ) + "'";                                                       \
-    }                                                                                              \
-    TYPE sequenceToValue( Qel::StringIteratorConst& it, const Qel::StringIteratorConst& end, TYPE* ) { \
+    Qel::String stringValue( TYPE v ) { return enumName( v ); }                                    \
+    std::ostream& operator<<( std::ostream& os, const TYPE& v ) { return os << stringValue( v ); } \
+    TYPE TYPE##Instance( unsigned int number ) { return enumOf< TYPE >( number ); }                \
+    TYPE TYPE##Instance( Qel::String name ) { return enumOf< TYPE >( name ); }                     \
+    Qel::String valueToStrep( const TYPE& v ) { return "'" + stringValue( v ) + "'"; }             \
+    TYPE sequenceToValue( Qel::StringIteratorConst& it, const Qel::StringIteratorConst& end,       \
+                          TYPE* ) {                                                                \
         return TYPE##Instance( Qel::TextOf< Qel::String >::parse( it, end ) );                     \
     }                                                                                              \
     Qel::Ptr< Qel::QelType > fwkTypeOf( const TYPE* ) {                                            \

@@ -15,7 +15,8 @@ constexpr int errorLevel = 0;
 
 constexpr Qel::SourcePosition unrecognizedTrace { "Exception", 37, "throwQelKrellException" };
 constexpr Qel::SourcePosition unrecognizedAssertion {
-    "Exception", 38, "void QelKrell::throwQelKrellException(const Krell::Exception&)" };
+    "Exception", 38, "void QelKrell::throwQelKrellException(const Krell::Exception&)"
+};
 
 [[noreturn]] void unrecognized( unsigned id ) {
     directTrace( errorLevel, unrecognizedTrace, [ & ]( std::ostream& text ) {
@@ -34,7 +35,8 @@ Qel::U32 detailOf( const Krell::Exception& e ) {
 } // namespace
 
 #define QELKRELL_EXCEPTION( NAME )                                                                 \
-    NAME::NAME( const Qel::String8& msg ) : Qel::InternalException( msg, idSet( internalId ), true ) {} \
+    NAME::NAME( const Qel::String8& msg )                                                          \
+        : Qel::InternalException( msg, idSet( internalId ), true ) {}                              \
     NAME::~NAME() = default;
 QELKRELL_EXCEPTION( MountException )
 QELKRELL_EXCEPTION( InvalidInitializeException )
@@ -48,7 +50,8 @@ DuplicateWriterException::DuplicateWriterException( const Qel::String8& msg,
                                                     Qel::U32 krellDetail,
                                                     const Qel::String8& krellExceptionName )
     : Qel::InternalException( msg, IdBitArray( otherException_ ).set( internalId ), true ),
-      krellDetail_( krellDetail ), krellExceptionName_( krellExceptionName ) {}
+      krellDetail_( krellDetail ),
+      krellExceptionName_( krellExceptionName ) {}
 DuplicateWriterException::~DuplicateWriterException() = default;
 
 void throwQelKrellException( const Krell::Exception& e ) {
@@ -58,16 +61,26 @@ void throwQelKrellException( const Krell::Exception& e ) {
     }
     const Qel::String8 msg( e.msg() );
     switch ( id ) {
-    case 0: throw MemoryResourceException( msg );
-    case 1: throw CorruptionDetectedException( msg );
-    case 2: throw Qel::MemoryLimitExceededException( msg );
-    case 3: throw Qel::PermissionException( msg );
-    case 4: throw UnimplementedException( msg );
-    case 5: throw InvalidInitializeException( msg );
-    case 6: throw Qel::TimeoutException( msg );
-    case 7: throw DuplicateWriterException( msg, detailOf( e ), Qel::String8( e.name() ) );
-    case 9: throw Qel::InternalException( msg );
-    default: unrecognized( id ); // 8 has no counterpart
+    case 0:
+        throw MemoryResourceException( msg );
+    case 1:
+        throw CorruptionDetectedException( msg );
+    case 2:
+        throw Qel::MemoryLimitExceededException( msg );
+    case 3:
+        throw Qel::PermissionException( msg );
+    case 4:
+        throw UnimplementedException( msg );
+    case 5:
+        throw InvalidInitializeException( msg );
+    case 6:
+        throw Qel::TimeoutException( msg );
+    case 7:
+        throw DuplicateWriterException( msg, detailOf( e ), Qel::String8( e.name() ) );
+    case 9:
+        throw Qel::InternalException( msg );
+    default:
+        unrecognized( id ); // 8 has no counterpart
     }
 }
 

@@ -6,8 +6,9 @@ namespace QelKrell {
 
 constexpr auto describe( const QelKrellType* ) {
     return Qel::enumType< QelKrellType >(
-        "QelKrell::QelKrellType", Qel::enumValue( "writer", writer ), Qel::enumValue( "shadow", shadow ),
-        Qel::enumValue( "reader", reader ), Qel::enumValue( "keyshadow", keyshadow ) );
+        "QelKrell::QelKrellType", Qel::enumValue( "writer", writer ),
+        Qel::enumValue( "shadow", shadow ), Qel::enumValue( "reader", reader ),
+        Qel::enumValue( "keyshadow", keyshadow ) );
 }
 
 QELKRELL_ENUMERATION( QelKrellType )

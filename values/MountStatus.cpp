@@ -5,9 +5,9 @@
 namespace QelKrell {
 
 constexpr auto describe( const QelMountStatus* ) {
-    return Qel::enumType< QelMountStatus >( "QelKrell::QelMountStatus", Qel::enumValue( "none", none ),
-                                            Qel::enumValue( "attached", attached ),
-                                            Qel::enumValue( "connected", connected ) );
+    return Qel::enumType< QelMountStatus >(
+        "QelKrell::QelMountStatus", Qel::enumValue( "none", none ),
+        Qel::enumValue( "attached", attached ), Qel::enumValue( "connected", connected ) );
 }
 
 QELKRELL_ENUMERATION( QelMountStatus )

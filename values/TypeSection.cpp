@@ -4,19 +4,19 @@
 
 namespace {
 
-__attribute__( ( section( ".qel.type" ), used, retain ) )
-const char typeNames[] = "QelKrell::ReaderCounters\0"
-                         "QelKrell::WriterCounters\0"
-                         "QelKrell::CollectionControl\0"
-                         "QelKrell::QelKrellType\0"
-                         "QelKrell::RootPath\0"
-                         "QelKrell::WriterUnlock\0"
-                         "QelKrell::WriterUnlockSm\0"
-                         "QelKrell::CollectionInfo\0"
-                         "QelKrell::MountInfo\0"
-                         "QelKrell::KrellEntities\0"
-                         "QelKrell::Mount\0"
-                         "QelKrell::QelMountStatus";
+__attribute__( ( section( ".qel.type" ), used, retain ) ) const char typeNames[] =
+    "QelKrell::ReaderCounters\0"
+    "QelKrell::WriterCounters\0"
+    "QelKrell::CollectionControl\0"
+    "QelKrell::QelKrellType\0"
+    "QelKrell::RootPath\0"
+    "QelKrell::WriterUnlock\0"
+    "QelKrell::WriterUnlockSm\0"
+    "QelKrell::CollectionInfo\0"
+    "QelKrell::MountInfo\0"
+    "QelKrell::KrellEntities\0"
+    "QelKrell::Mount\0"
+    "QelKrell::QelMountStatus";
 static_assert( sizeof typeNames == 278 );
 
 } // namespace

@@ -10,22 +10,12 @@
 #define QELKRELL_VALUE_TYPE( TYPE )                                                                \
     TYPE::TYPE( Qel::StringIteratorConst& it, const Qel::StringIteratorConst& end )                \
         : TYPE( Qel::tableParse< TYPE >( it, end ) ) {}                                            \
-    bool TYPE::operator==( const TYPE& other ) const {                                             \
-        return Qel::tableEqual( *this, other );                                                    \
-    }                                                                                              \
-    bool TYPE::operator!() const {                                                                 \
-        return *this == TYPE();                                                                    \
-    }                                                                                              \
+    bool TYPE::operator==( const TYPE& other ) const { return Qel::tableEqual( *this, other ); }   \
+    bool TYPE::operator!() const { return *this == TYPE(); }                                       \
     Qel::Ptr< Qel::QelType > TYPE::_fwkType() {                                                    \
         static const auto type = new Qel::Ptr< Qel::QelType >( Qel::makeType< TYPE >() );          \
         return *type;                                                                              \
     }                                                                                              \
-    Qel::Ptr< Qel::QelType > TYPE::fwkType() const {                                               \
-        return _fwkType();                                                                         \
-    }                                                                                              \
-    Qel::String valueToStrep( const TYPE& v ) {                                                    \
-        return Qel::tablePrint( v );                                                               \
-    }                                                                                              \
-    std::ostream& operator<<( std::ostream& os, const TYPE& v ) {                                  \
-        return os << valueToStrep( v );                                                            \
-    }
+    Qel::Ptr< Qel::QelType > TYPE::fwkType() const { return _fwkType(); }                          \
+    Qel::String valueToStrep( const TYPE& v ) { return Qel::tablePrint( v ); }                     \
+    std::ostream& operator<<( std::ostream& os, const TYPE& v ) { return os << valueToStrep( v ); }

@@ -55,9 +55,7 @@ Child::~Child() {
     }
 }
 
-void Child::signal( int number ) const {
-    kill( pid_, number );
-}
+void Child::signal( int number ) const { kill( pid_, number ); }
 
 int Child::wait() {
     int status = 0;
@@ -97,11 +95,15 @@ std::string Child::said( const std::string& start ) const {
     return "";
 }
 
-void show( const std::vector< Child* >& children, double seconds, const std::function< bool() >& done ) {
+void show( const std::vector< Child* >& children,
+           double seconds,
+           const std::function< bool() >& done ) {
     using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + std::chrono::duration_cast< Clock::duration >( std::chrono::duration< double >( seconds ) );
+    const auto end = Clock::now() + std::chrono::duration_cast< Clock::duration >(
+                                        std::chrono::duration< double >( seconds ) );
     while ( !done() ) {
-        const auto left = std::chrono::ceil< std::chrono::milliseconds >( end - Clock::now() ).count();
+        const auto left =
+            std::chrono::ceil< std::chrono::milliseconds >( end - Clock::now() ).count();
         std::vector< pollfd > ready;
         for ( const Child* child : children ) {
             ready.push_back( { child->output(), POLLIN, 0 } ); // a negative one is passed over

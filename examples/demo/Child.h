@@ -38,6 +38,8 @@ private:
 
 // Shows the children's lines as they come, until `done()`, no child has more to say, or the time is
 // over.
-void show( const std::vector< Child* >& children, double seconds, const std::function< bool() >& done );
+void show( const std::vector< Child* >& children,
+           double seconds,
+           const std::function< bool() >& done );
 
 } // namespace Demo

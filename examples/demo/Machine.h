@@ -15,9 +15,10 @@ struct Interface {
     Qel::U64 sentBytes = 0;
 };
 constexpr auto describe( const Interface* ) {
-    return Qel::valueType< Interface >( "Demo::Interface", Qel::attribute( "name", &Interface::name ),
-                                        Qel::attribute( "receivedBytes", &Interface::receivedBytes ),
-                                        Qel::attribute( "sentBytes", &Interface::sentBytes ) );
+    return Qel::valueType< Interface >(
+        "Demo::Interface", Qel::attribute( "name", &Interface::name ),
+        Qel::attribute( "receivedBytes", &Interface::receivedBytes ),
+        Qel::attribute( "sentBytes", &Interface::sentBytes ) );
 }
 
 struct Process {

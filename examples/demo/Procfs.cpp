@@ -18,7 +18,8 @@ bool parseInterface( const std::string& line, Interface& out ) {
     const std::size_t first = line.find_first_not_of( ' ' );
     std::istringstream figures( line.substr( colon + 1 ) );
     Qel::U64 skipped = 0;
-    out.name = Qel::FixedString< 16 >::clipped( std::string_view( line ).substr( first, colon - first ) );
+    out.name =
+        Qel::FixedString< 16 >::clipped( std::string_view( line ).substr( first, colon - first ) );
     figures >> out.receivedBytes;
     for ( int i = 0; i < 7; ++i ) {
         figures >> skipped;
@@ -35,7 +36,8 @@ bool parseProcess( const std::string& line, Process& out ) {
         return false;
     }
     out.pid = Qel::U32( std::stoul( line ) );
-    out.command = Qel::FixedString< 16 >::clipped( std::string_view( line ).substr( open + 1, close - open - 1 ) );
+    out.command = Qel::FixedString< 16 >::clipped(
+        std::string_view( line ).substr( open + 1, close - open - 1 ) );
     std::istringstream rest( line.substr( close + 1 ) );
     std::string field;
     Qel::U64 user = 0;
@@ -71,7 +73,8 @@ std::vector< Process > readProcesses() {
     std::vector< Process > all;
     for ( const auto& entry : std::filesystem::directory_iterator( "/proc" ) ) {
         const std::string name = entry.path().filename();
-        if ( !std::all_of( name.begin(), name.end(), []( char c ) { return c >= '0' && c <= '9'; } ) ) {
+        if ( !std::all_of( name.begin(), name.end(),
+                           []( char c ) { return c >= '0' && c <= '9'; } ) ) {
             continue;
         }
         std::ifstream file( entry.path() / "stat" ); // gone by now, perhaps

@@ -25,8 +25,9 @@ std::string digest( const Machine& machine ) {
         add( Qel::TextOf< Process >::print( p ) );
     }
     char text[ 100 ];
-    std::snprintf( text, sizeof text, "%u interfaces, %u processes, digest %016llx", machine.interface.size(),
-                   machine.process.size(), static_cast< unsigned long long >( sum ) );
+    std::snprintf( text, sizeof text, "%u interfaces, %u processes, digest %016llx",
+                   machine.interface.size(), machine.process.size(),
+                   static_cast< unsigned long long >( sum ) );
     return text;
 }
 

@@ -27,8 +27,8 @@ private:
     Qel::Ptr< Machine > machine_;
 };
 
-// "3 interfaces, 97 processes, digest 0123456789abcdef". Equal contents have equal digests, whatever
-// their order and the width of the process.
+// "3 interfaces, 97 processes, digest 0123456789abcdef". Equal contents have equal digests,
+// whatever their order and the width of the process.
 std::string digest( const Machine& machine );
 
 // A running System::doRun() ends when the process gets SIGTERM.

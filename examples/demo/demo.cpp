@@ -68,12 +68,14 @@ std::string finish( Demo::Child& child, const std::string& start ) {
     child.signal( SIGTERM );
     Demo::show( { &child }, startSeconds, [] { return false; } );
     const int status = child.wait();
-    return status == 0 ? child.said( start + "final " ) : "it ended with status " + std::to_string( status );
+    return status == 0 ? child.said( start + "final " )
+                       : "it ended with status " + std::to_string( status );
 }
 
 bool play( const std::string& programs, const std::string& reader32 ) {
     const auto never = [] { return interrupted != 0; };
-    const auto wait = [ & ]( const std::vector< Demo::Child* >& all, Demo::Child& one, const char* line ) {
+    const auto wait = [ & ]( const std::vector< Demo::Child* >& all, Demo::Child& one,
+                             const char* line ) {
         Demo::show( all, startSeconds, [ & ] { return interrupted || !one.said( line ).empty(); } );
     };
     const std::string reader = programs + "/demo-reader";
@@ -102,10 +104,13 @@ bool play( const std::string& programs, const std::string& reader32 ) {
     const std::string final = finish( second, "writer: " );
     const std::string width = std::to_string( sizeof( void* ) * 8 );
     const std::string leftFinal = finish( left, "reader (" + width + " bits): " );
-    const std::string rightFinal = finish( right, "reader (" + ( reader32.empty() ? width : "32" ) + " bits): " );
-    const bool tookOver = same( "the second writer took over what the first one left", kept, second.said( "writer: took over " ) );
+    const std::string rightFinal =
+        finish( right, "reader (" + ( reader32.empty() ? width : "32" ) + " bits): " );
+    const bool tookOver = same( "the second writer took over what the first one left", kept,
+                                second.said( "writer: took over " ) );
     const bool leftGood = same( "the first reader ends with the writer's state", final, leftFinal );
-    const bool rightGood = same( "the second reader ends with the writer's state", final, rightFinal );
+    const bool rightGood =
+        same( "the second reader ends with the writer's state", final, rightFinal );
     return tookOver && leftGood && rightGood && !interrupted;
 }
 
@@ -117,7 +122,9 @@ int main( int argc, char** argv ) {
         if ( std::strcmp( argv[ i ], "--reader32" ) == 0 && i + 1 < argc ) {
             reader32 = argv[ ++i ];
         } else {
-            std::fprintf( stderr, "demo: '%s' is no argument of mine; usage: demo [--reader32 PROGRAM]\n", argv[ i ] );
+            std::fprintf( stderr,
+                          "demo: '%s' is no argument of mine; usage: demo [--reader32 PROGRAM]\n",
+                          argv[ i ] );
             return 2;
         }
     }
@@ -126,7 +133,8 @@ int main( int argc, char** argv ) {
     std::signal( SIGTERM, interrupt );
     try {
         const TemporaryRoot root;
-        return play( std::filesystem::canonical( "/proc/self/exe" ).parent_path(), reader32 ) ? 0 : 1;
+        return play( std::filesystem::canonical( "/proc/self/exe" ).parent_path(), reader32 ) ? 0
+                                                                                              : 1;
     } catch ( const Qel::Exception& e ) {
         std::fprintf( stderr, "demo: %s\n", e.what() );
     } catch ( const std::exception& e ) {

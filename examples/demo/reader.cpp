@@ -20,17 +20,20 @@ constexpr int width = int( sizeof( void* ) ) * 8;
 class Reporter : public Qel::Clock::Notifiee {
 public:
     explicit Reporter( Demo::Machine& machine ) : machine_( machine ) {
-        interfaceReaction_ = machine.interface.onEntry( [ this ]( const auto& name ) { interfaceChanged( name ); } );
-        processReaction_ = machine.process.onEntry( [ this ]( Qel::U32 pid ) { processChanged( pid ); } );
+        interfaceReaction_ =
+            machine.interface.onEntry( [ this ]( const auto& name ) { interfaceChanged( name ); } );
+        processReaction_ =
+            machine.process.onEntry( [ this ]( Qel::U32 pid ) { processChanged( pid ); } );
         notifierIs( Qel::ActivityManager::activityManager()->config()->clock() );
         isRegisteredNotifieeIs( true );
         timeMinIs( Qel::now() + periodSeconds );
     }
 
     void onTime() override {
-        std::printf( "reader (%d bits): %u interfaces, %u processes; %u came, %u went, %u moved%s%s\n", width,
-                     machine_.interface.size(), machine_.process.size(), came_, went_, moved_,
-                     latest_.empty() ? "" : "; last: ", latest_.c_str() );
+        std::printf(
+            "reader (%d bits): %u interfaces, %u processes; %u came, %u went, %u moved%s%s\n",
+            width, machine_.interface.size(), machine_.process.size(), came_, went_, moved_,
+            latest_.empty() ? "" : "; last: ", latest_.c_str() );
         std::fflush( stdout );
         came_ = went_ = moved_ = 0;
         latest_.clear();
@@ -41,7 +44,8 @@ private:
     void interfaceChanged( const Qel::FixedString< 16 >& name ) {
         if ( const auto interface = machine_.interface( name ) ) {
             ++moved_;
-            latest_ = std::string( name.view() ) + " received " + std::to_string( interface->receivedBytes );
+            latest_ = std::string( name.view() ) + " received " +
+                      std::to_string( interface->receivedBytes );
         }
     }
 
@@ -77,7 +81,8 @@ int main() {
         Demo::stopOnTerminate();
         const Qel::Ptr< Reporter > reporter = new Reporter( *session.machine() );
         Qel::System::doRun();
-        std::printf( "reader (%d bits): final %s\n", width, Demo::digest( *session.machine() ).c_str() );
+        std::printf( "reader (%d bits): final %s\n", width,
+                     Demo::digest( *session.machine() ).c_str() );
         return 0;
     } catch ( const Qel::Exception& e ) {
         std::fprintf( stderr, "reader (%d bits): %s\n", width, e.what() );

@@ -51,8 +51,9 @@ private:
 
 int main() {
     try {
-        const QelKrell::MountInfo info( QelKrell::writer, false,
-                                        std::vector< QelKrell::CollectionInfo > { { "interface", 8 }, { "process", 64 } } );
+        const QelKrell::MountInfo info(
+            QelKrell::writer, false,
+            std::vector< QelKrell::CollectionInfo > { { "interface", 8 }, { "process", 64 } } );
         const Demo::Session session( info );
         Demo::stopOnTerminate();
         std::printf( "writer: took over %s\n", Demo::digest( *session.machine() ).c_str() );

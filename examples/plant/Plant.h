@@ -9,7 +9,8 @@ struct Reading { // a plain record
     double celsius = 0;
 };
 constexpr auto describe( const Reading* ) { // its table
-    return Qel::valueType< Reading >( "Power::Reading", Qel::attribute( "sensor", &Reading::sensor ),
+    return Qel::valueType< Reading >( "Power::Reading",
+                                      Qel::attribute( "sensor", &Reading::sensor ),
                                       Qel::attribute( "celsius", &Reading::celsius ) );
 }
 
@@ -19,7 +20,8 @@ public:
     QelKrell::Collection< &Reading::sensor > reading;
 };
 constexpr auto describe( const Plant* ) {
-    return Qel::entityType< Plant >( "Power::Plant", QelKrell::collection( "reading", &Plant::reading ) );
+    return Qel::entityType< Plant >( "Power::Plant",
+                                     QelKrell::collection( "reading", &Plant::reading ) );
 }
 
 inline const Qel::Unit< Reading, Plant > plantUnit( "power" );

@@ -9,8 +9,8 @@
 #include <iostream>
 
 #include <Norvo/EntityManager>
-#include <QelKrell/KrellMount>
 #include <Qel/System>
+#include <QelKrell/KrellMount>
 
 #include "Plant.h"
 
@@ -26,7 +26,8 @@ int writeOne( const char* sensor, const char* celsius ) {
     QelKrell::MountInfo info( QelKrell::writer );
     info.collectionInfoIs( { "reading", 1000 } );
     const auto plant = mountPlant( info );
-    plant->reading.is( { Qel::U32( std::strtoul( sensor, nullptr, 10 ) ), std::strtod( celsius, nullptr ) } );
+    plant->reading.is(
+        { Qel::U32( std::strtoul( sensor, nullptr, 10 ) ), std::strtod( celsius, nullptr ) } );
     return 0;
 }
 

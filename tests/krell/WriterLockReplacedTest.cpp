@@ -177,7 +177,7 @@ TEST_F( WriterLockReplacedTest, WhatIsNoRegularFileIsRefused ) {
 
 using Fcntl = int ( * )( int, int, void* );
 
-int interposed( const char* name, int fd, int command, void* argument ) {
+int interposed( int fd, int command, void* argument ) {
     BeforeFcntl* hook = std::exchange( BeforeFcntl::current, nullptr ); // not for its own calls
     const int failure = hook ? hook->before( command ) : 0;
     BeforeFcntl::current = hook;
@@ -185,27 +185,16 @@ int interposed( const char* name, int fd, int command, void* argument ) {
         errno = failure;
         return -1;
     }
-    return reinterpret_cast< Fcntl >( ::dlsym( RTLD_NEXT, name ) )( fd, command, argument );
+    return reinterpret_cast< Fcntl >( ::dlsym( RTLD_NEXT, "fcntl64" ) )( fd, command, argument );
 }
 
 } // namespace
 
-// The library's calls come here; which of the names depends on its width of file offsets.
-extern "C" {
-
-__attribute__( ( visibility( "default" ) ) ) int fcntl( int fd, int command, ... ) {
+// The library's calls come here.
+extern "C" __attribute__( ( visibility( "default" ) ) ) int fcntl64( int fd, int command, ... ) {
     va_list arguments;
     va_start( arguments, command );
     void* argument = va_arg( arguments, void* );
     va_end( arguments );
-    return interposed( "fcntl", fd, command, argument );
-}
-
-__attribute__( ( visibility( "default" ) ) ) int fcntl64( int fd, int command, ... ) {
-    va_list arguments;
-    va_start( arguments, command );
-    void* argument = va_arg( arguments, void* );
-    va_end( arguments );
-    return interposed( "fcntl64", fd, command, argument );
-}
+    return interposed( fd, command, argument );
 }

@@ -32,9 +32,9 @@ struct Shape {
 };
 constexpr auto describe( const Shape* ) {
     return Qel::valueType< Shape >(
-        "Bench::Shape", Qel::attribute( "label", &Shape::label ), Qel::attribute( "mode", &Shape::mode ),
-        Qel::attribute( "at", &Shape::at ), Qel::attribute( "colour", &Shape::colour ),
-        Qel::attribute( "weight", &Shape::weight ) );
+        "Bench::Shape", Qel::attribute( "label", &Shape::label ),
+        Qel::attribute( "mode", &Shape::mode ), Qel::attribute( "at", &Shape::at ),
+        Qel::attribute( "colour", &Shape::colour ), Qel::attribute( "weight", &Shape::weight ) );
 }
 
 class Machine : public Qel::Entity {
@@ -43,7 +43,9 @@ public:
 
     Qel::U32 speed() const { return speed_; }
     void speedIs( Qel::U32 v ) { speed_ = v; }
-    Qel::U32 load( Qel::String8 slot ) const { return loads_.contains( slot ) ? loads_.at( slot ) : 0; }
+    Qel::U32 load( Qel::String8 slot ) const {
+        return loads_.contains( slot ) ? loads_.at( slot ) : 0;
+    }
     void loadIs( Qel::String8 slot, Qel::U32 v ) { loads_[ slot ] = v; }
     void loadDel( Qel::String8 slot ) { loads_.erase( slot ); }
     Qel::String8 run( Mode mode, const Point& to, Qel::U32 times ) {
@@ -62,7 +64,8 @@ constexpr auto describe( const Machine* ) {
         "Bench::Machine", Qel::property( "speed", &Machine::speed, &Machine::speedIs ),
         Qel::property( "idling", &Machine::idle ),
         Qel::indexed( "load", &Machine::load, &Machine::loadIs, &Machine::loadDel ),
-        Qel::operation( "run", &Machine::run, { "mode", "to", Qel::argument( "times", "Bench::Count" ) } ),
+        Qel::operation( "run", &Machine::run,
+                        { "mode", "to", Qel::argument( "times", "Bench::Count" ) } ),
         Qel::operation( "idle", &Machine::idle ), Qel::operation( "stop", &Machine::stop ) );
 }
 
@@ -80,9 +83,10 @@ using Qel::genericValue;
 using Qel::String;
 using testing::ElementsAre;
 
-constexpr const char* shapeText = "Value('Bench::Shape', ** {'label': 'box', 'mode': 'on', 'at': "
-                                  "Value('Bench::Point', ** {'x': -1, 'y': 2}), 'colour': [1, 2, 3], "
-                                  "'weight': 0.5})";
+constexpr const char* shapeText =
+    "Value('Bench::Shape', ** {'label': 'box', 'mode': 'on', 'at': "
+    "Value('Bench::Point', ** {'x': -1, 'y': 2}), 'colour': [1, 2, 3], "
+    "'weight': 0.5})";
 const Shape shape { "box", Mode::on, { -1, 2 }, { 1, 2, 3 }, 0.5 };
 
 // The message of the exception of type E that `f` throws.
@@ -99,8 +103,8 @@ std::string messageOf( F&& f ) {
 }
 
 TEST( Describe, TypesAreFoundByName ) {
-    for ( const char* name : { "Bench::Mode", "Bench::Point", "Bench::Shape", "Bench::Machine", "U32",
-                               "bool", "double", "Qel::String8" } ) {
+    for ( const char* name : { "Bench::Mode", "Bench::Point", "Bench::Shape", "Bench::Machine",
+                               "U32", "bool", "double", "Qel::String8" } ) {
         const auto type = Qel::QelType::typeNode( name );
         ASSERT_TRUE( type ) << name;
         EXPECT_EQ( type->nodeName(), name );
@@ -134,7 +138,8 @@ TEST( Describe, OwnAttributesAreNumberedFrom258BehindTheBase ) {
     for ( const auto* a : type->attributes() ) {
         names.push_back( a->name );
     }
-    EXPECT_THAT( names, ElementsAre( "name", "entity", "speed", "idling", "load", "run", "idle", "stop" ) );
+    EXPECT_THAT(
+        names, ElementsAre( "name", "entity", "speed", "idling", "load", "run", "idle", "stop" ) );
 }
 
 TEST( Describe, SevenFlagBitsAbort ) {
@@ -146,8 +151,10 @@ TEST( Describe, SevenFlagBitsAbort ) {
 TEST( Describe, TextFormNestsAndReadsBack ) {
     EXPECT_EQ( Qel::TextOf< Shape >::print( shape ), shapeText );
     EXPECT_TRUE( Qel::sameValue( Qel::strepToValue< Shape >( shapeText ), shape ) );
-    EXPECT_TRUE( Qel::sameValue( Qel::strepToValue< Shape >( "  Value  ( 'Bench::Shape' , ** { 'weight' : 1.0 , 'mode':'off' } ) " ),
-                 Shape { "", Mode::off, {}, {}, 1.0 } ) );
+    EXPECT_TRUE(
+        Qel::sameValue( Qel::strepToValue< Shape >(
+                            "  Value  ( 'Bench::Shape' , ** { 'weight' : 1.0 , 'mode':'off' } ) " ),
+                        Shape { "", Mode::off, {}, {}, 1.0 } ) );
     EXPECT_EQ( Qel::TextOf< Mode >::print( Mode( 3 ) ), "'Mode(3)'" );
 }
 
@@ -157,30 +164,29 @@ TEST( Describe, TextCutAnywhereIsRefused ) {
         const String cut( whole.substr( 0, n ) );
         EXPECT_THROW( Qel::strepToValue< Shape >( cut ), Qel::RangeException ) << cut;
     }
-    EXPECT_EQ( messageOf< Qel::RangeException >( [] {
-                   Qel::strepToValue< Point >( "Value('Bench::Point', ** {'x': 4" );
-               } ),
+    EXPECT_EQ( messageOf< Qel::RangeException >(
+                   [] { Qel::strepToValue< Point >( "Value('Bench::Point', ** {'x': 4" ); } ),
                "premature end of value type Point" );
-    EXPECT_EQ( messageOf< Qel::RangeException >( [] {
-                   Qel::strepToValue< Point >( "Value('Bench::Point', ** {'x" );
-               } ),
+    EXPECT_EQ( messageOf< Qel::RangeException >(
+                   [] { Qel::strepToValue< Point >( "Value('Bench::Point', ** {'x" ); } ),
                "premature end of value type Point" );
 }
 
 TEST( Describe, TextErrorsNameTheAttribute ) {
     EXPECT_EQ( messageOf< Qel::RangeException >( [] {
-                   Qel::strepToValue< Shape >( "Value('Bench::Shape', ** {'at': Value('Bench::Point', ** {'x': 'a'})})" );
+                   Qel::strepToValue< Shape >(
+                       "Value('Bench::Shape', ** {'at': Value('Bench::Point', ** {'x': 'a'})})" );
                } ),
                "expected a number but found '\\'a\\'})})' in attribute 'x' in attribute 'at'" );
     EXPECT_EQ( messageOf< Qel::RangeException >(
                    [] { Qel::strepToValue< Point >( "Value('Bench::Point', ** {'z': 1})" ); } ),
                "Point has no such attribute: z" );
-    EXPECT_EQ( messageOf< Qel::RangeException >( [] {
-                   Qel::strepToValue< Point >( "Value('Bench::Point', ** {'x': 1})%s!" );
-               } ),
+    EXPECT_EQ( messageOf< Qel::RangeException >(
+                   [] { Qel::strepToValue< Point >( "Value('Bench::Point', ** {'x': 1})%s!" ); } ),
                "junk at column 34 deserializing Value('Bench::Point', ** {'x': 1})%s!" );
     EXPECT_EQ( messageOf< Qel::RangeException >( [] {
-                   Qel::strepToValue< Shape >( "Value('Bench::Shape', ** {'label': 'much too long'})" );
+                   Qel::strepToValue< Shape >(
+                       "Value('Bench::Shape', ** {'label': 'much too long'})" );
                } ),
                "'much too long' does not fit into a string of 8 bytes in attribute 'label'" );
 }
@@ -212,7 +218,9 @@ TEST_F( DescribeGeneric, ReadsWritesAndCallsByName ) {
 
 TEST_F( DescribeGeneric, RefusesAndChangesNothing ) {
     machine->speedIs( 1 );
-    const auto run = [ & ]( Qel::GenericArguments arguments ) { generic->call( "run", arguments ); };
+    const auto run = [ & ]( Qel::GenericArguments arguments ) {
+        generic->call( "run", arguments );
+    };
     const std::pair< String, Qel::GenericValue > mode( "mode", genericValue( Mode::on ) );
     const std::pair< String, Qel::GenericValue > to( "to", genericValue( Point() ) );
     const std::pair< String, Qel::GenericValue > times( "times", genericValue( 1u ) );
@@ -220,31 +228,46 @@ TEST_F( DescribeGeneric, RefusesAndChangesNothing ) {
                "Bench::Machine has no attribute 'x'" );
     EXPECT_EQ( messageOf< Qel::UnknownAttributeException >( [ & ] { generic->call( "x" ); } ),
                "Bench::Machine has no attribute 'x'" );
-    EXPECT_EQ( messageOf< Qel::ConstException >( [ & ] { constant->attributeIs( "speed", genericValue( 2u ) ); } ),
+    EXPECT_EQ( messageOf< Qel::ConstException >(
+                   [ & ] { constant->attributeIs( "speed", genericValue( 2u ) ); } ),
                "attempting to modify a const instance" );
-    EXPECT_EQ( messageOf< Qel::ConstException >( [ & ] { constant->call( "run", { { "bogus", {} } } ); } ),
+    EXPECT_EQ( messageOf< Qel::ConstException >( [ & ] {
+                   constant->call( "run", { { "bogus", {} } } );
+               } ),
                "attempting to modify a const instance" );
-    EXPECT_EQ( messageOf< Qel::BadIndexException >( [ & ] { generic->attribute( "speed", genericValue( 1u ) ); } ),
+    EXPECT_EQ( messageOf< Qel::BadIndexException >(
+                   [ & ] { generic->attribute( "speed", genericValue( 1u ) ); } ),
                "bad index on attribute 'speed': it takes none" );
     EXPECT_EQ( messageOf< Qel::BadIndexException >( [ & ] { generic->attribute( "load" ); } ),
                "bad index on attribute 'load': it needs one" );
-    EXPECT_EQ( messageOf< Qel::TypeException >( [ & ] { generic->attribute( "load", genericValue( 1u ) ); } ),
+    EXPECT_EQ( messageOf< Qel::TypeException >(
+                   [ & ] { generic->attribute( "load", genericValue( 1u ) ); } ),
                "the index of attribute 'load' takes a Qel::String8, not a U32" );
-    EXPECT_EQ( messageOf< Qel::TypeException >( [ & ] { generic->attributeIs( "speed", genericValue( 1.0 ) ); } ),
+    EXPECT_EQ( messageOf< Qel::TypeException >(
+                   [ & ] { generic->attributeIs( "speed", genericValue( 1.0 ) ); } ),
                "attribute 'speed' takes a U32, not a double" );
-    EXPECT_EQ( messageOf< Qel::OpNotSupportedException >( [ & ] { generic->attributeIs( "idling", genericValue( true ) ); } ),
+    EXPECT_EQ( messageOf< Qel::OpNotSupportedException >(
+                   [ & ] { generic->attributeIs( "idling", genericValue( true ) ); } ),
                "attribute 'idling' is read-only" );
     EXPECT_EQ( messageOf< Qel::OpNotSupportedException >( [ & ] { generic->attribute( "run" ); } ),
                "operation 'run' is not supported as an attribute" );
     EXPECT_EQ( messageOf< Qel::OpNotSupportedException >( [ & ] { generic->call( "speed" ); } ),
                "attribute 'speed' is not an operation" );
-    EXPECT_EQ( messageOf< Qel::UnknownArgumentException >( [ & ] { run( { mode, to, times, { "x", {} } } ); } ),
+    EXPECT_EQ( messageOf< Qel::UnknownArgumentException >( [ & ] {
+                   run( { mode, to, times, { "x", {} } } );
+               } ),
                "operation 'run' takes no argument 'x'" );
-    EXPECT_EQ( messageOf< Qel::MissingArgumentException >( [ & ] { run( { mode, times } ); } ),
+    EXPECT_EQ( messageOf< Qel::MissingArgumentException >( [ & ] {
+                   run( { mode, times } );
+               } ),
                "operation 'run' needs argument 'to'" );
-    EXPECT_EQ( messageOf< Qel::RepeatedArgumentException >( [ & ] { run( { mode, to, mode, times } ); } ),
+    EXPECT_EQ( messageOf< Qel::RepeatedArgumentException >( [ & ] {
+                   run( { mode, to, mode, times } );
+               } ),
                "operation 'run' was given argument 'mode' twice" );
-    EXPECT_EQ( messageOf< Qel::TypeException >( [ & ] { run( { mode, to, { "times", genericValue( "1" ) } } ); } ),
+    EXPECT_EQ( messageOf< Qel::TypeException >( [ & ] {
+                   run( { mode, to, { "times", genericValue( "1" ) } } );
+               } ),
                "argument 'times' of operation 'run' takes a Bench::Count, not a Qel::String8" );
     EXPECT_EQ( machine->speed(), 1u );
 }
@@ -259,7 +282,8 @@ TEST_F( DescribeGeneric, UnboundInterfacesTakeRawBytes ) {
     EXPECT_EQ( unbound->strep(), "Value('Bench::Point', ** {'x': 3, 'y': 4})" );
     EXPECT_EQ( messageOf< Qel::TypeException >( [ & ] { unbound->bytesAre( &p, 7 ); } ),
                "a Bench::Point does not fit into 7 bytes" );
-    EXPECT_EQ( messageOf< Qel::ConstException >( [ & ] { unbound->attributeIs( "x", genericValue( Qel::S32( 1 ) ) ); } ),
+    EXPECT_EQ( messageOf< Qel::ConstException >(
+                   [ & ] { unbound->attributeIs( "x", genericValue( Qel::S32( 1 ) ) ); } ),
                "attempting to modify a const instance" );
 }
 

@@ -33,10 +33,11 @@ struct Record {
 };
 constexpr auto describe( const Record* ) {
     return Qel::valueType< Record >(
-        "WireTypes::Record", Qel::attribute( "id", &Record::id ), Qel::attribute( "count", &Record::count ),
-        Qel::attribute( "kind", &Record::kind ), Qel::attribute( "inner", &Record::inner ),
-        Qel::attribute( "label", &Record::label ), Qel::attribute( "list", &Record::list ),
-        Qel::attribute( "on", &Record::on ), Qel::attribute( "weight", &Record::weight ) );
+        "WireTypes::Record", Qel::attribute( "id", &Record::id ),
+        Qel::attribute( "count", &Record::count ), Qel::attribute( "kind", &Record::kind ),
+        Qel::attribute( "inner", &Record::inner ), Qel::attribute( "label", &Record::label ),
+        Qel::attribute( "list", &Record::list ), Qel::attribute( "on", &Record::on ),
+        Qel::attribute( "weight", &Record::weight ) );
 }
 
 } // namespace WireTypes
@@ -49,23 +50,27 @@ using WireTypes::Record;
 using RecordWire = Qel::Wire< Record >;
 
 static_assert( Qel::Wire< Inner >::size == 16 && Qel::Wire< Inner >::alignment == 8 );
-static_assert( RecordWire::at.offset == std::array< std::size_t, 8 > { 0, 8, 16, 24, 40, 46, 52, 56 } );
+static_assert( RecordWire::at.offset ==
+               std::array< std::size_t, 8 > { 0, 8, 16, 24, 40, 46, 52, 56 } );
 static_assert( RecordWire::size == 64 );
 static_assert( !RecordWire::exact && Qel::Wire< Inner >::exact );
 static_assert( Qel::attributeIndex< Record, &Record::inner >() == 3 );
-static_assert( Qel::WireFields< Record, 1 >::at.offset[ 3 ] == 8, "kind moves into the gap behind id" );
+static_assert( Qel::WireFields< Record, 1 >::at.offset[ 3 ] == 8,
+               "kind moves into the gap behind id" );
 
 const Record record { 0x01020304, 0x1112131415161718, Kind::large, { 0x21, 0x3132333435363738 },
-                      "label", { 1, 2, 3 }, true, 1.5 };
+                      "label",    { 1, 2, 3 },        true,        1.5 };
 
 TEST( Wire, BytesAreTheSameOnEveryWidth ) {
     std::array< Qel::U8, 64 > bytes {};
     RecordWire::put( bytes.data(), record );
     const std::array< Qel::U8, 64 > expected {
-        0x04, 0x03, 0x02, 0x01, 0,    0,    0,    0,    0x18, 0x17, 0x16, 0x15, 0x14, 0x13, 0x12, 0x11,
-        1,    0,    0,    0,    0,    0,    0,    0,    0x21, 0,    0,    0,    0,    0,    0,    0,
-        0x38, 0x37, 0x36, 0x35, 0x34, 0x33, 0x32, 0x31, 'l',  'a',  'b',  'e',  'l',  0,    1,    0,
-        2,    0,    3,    0,    1,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0xf8, 0x3f };
+        0x04, 0x03, 0x02, 0x01, 0,   0,   0,    0,    0x18, 0x17, 0x16, 0x15, 0x14,
+        0x13, 0x12, 0x11, 1,    0,   0,   0,    0,    0,    0,    0,    0x21, 0,
+        0,    0,    0,    0,    0,   0,   0x38, 0x37, 0x36, 0x35, 0x34, 0x33, 0x32,
+        0x31, 'l',  'a',  'b',  'e', 'l', 0,    1,    0,    2,    0,    3,    0,
+        1,    0,    0,    0,    0,   0,   0,    0,    0,    0,    0xf8, 0x3f
+    };
     EXPECT_EQ( bytes, expected );
     Record back;
     RecordWire::get( bytes.data(), back );

@@ -65,7 +65,7 @@ TEST_F( CollectionControlTest, CopiesDoNotOwnTheControl ) {
     {
         StrictMock< ControlMock > gone;
         copy = CollectionControl( &gone );
-        { const CollectionControl shorter( copy ); }
+        { [[maybe_unused]] const CollectionControl shorter( copy ); }
         EXPECT_CALL( gone, capacity() ).WillOnce( Return( 3 ) );
         EXPECT_EQ( copy.capacity(), 3u ); // still alive behind a handle that went
     }

@@ -1,5 +1,3 @@
-#define _FILE_OFFSET_BITS 64 // file sizes and inode numbers of 64 bits, on 32-bit x86 too
-
 #include <Dov/SharedMem>
 
 #include <cerrno>
@@ -14,6 +12,8 @@
 namespace Dov {
 
 namespace {
+
+static_assert( sizeof( off_t ) == 8 && sizeof( ino_t ) == 8, "built with _FILE_OFFSET_BITS=64" );
 
 constexpr mode_t fileMode = 0640;
 constexpr std::size_t hugePage = std::size_t( 2 ) << 20;

@@ -1,5 +1,3 @@
-#define _FILE_OFFSET_BITS 64 // inode numbers of 64 bits, on 32-bit x86 too
-
 #include <Krell/Directory>
 
 #include <algorithm>
@@ -15,6 +13,8 @@
 namespace Krell {
 
 namespace {
+
+static_assert( sizeof( ino_t ) == 8, "built with _FILE_OFFSET_BITS=64" );
 
 constexpr mode_t directoryMode = 0750;
 constexpr mode_t fileMode = 0640;

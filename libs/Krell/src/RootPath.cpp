@@ -1,5 +1,3 @@
-#define _FILE_OFFSET_BITS 64 // inode numbers of 64 bits, on 32-bit x86 too
-
 #include <Krell/RootPath>
 
 #include <algorithm>

@@ -21,8 +21,8 @@ void traceRefusal( const String& why ) {
     if ( trace().enabled( errorLevel ) || coverageStream_ ) {
         std::stringstream text;
         text << "Entity::newEntity() " << why;
-        traceHelper( trace().name(), "<unknown>", text, errorLevel, trace().enabled( errorLevel ), "Entity",
-                     41, "newEntity" );
+        traceHelper( trace().name(), "<unknown>", text, errorLevel, trace().enabled( errorLevel ),
+                     "Entity", 41, "newEntity" );
     }
 }
 
@@ -36,7 +36,8 @@ public:
 class SelfAccess : public AttrAccess {
 public:
     GenericValue read( const void* o ) const override {
-        return GenericValue::of< Entity::Ptr >( const_cast< Entity* >( static_cast< const Entity* >( o ) ) );
+        return GenericValue::of< Entity::Ptr >(
+            const_cast< Entity* >( static_cast< const Entity* >( o ) ) );
     }
 };
 
@@ -98,11 +99,10 @@ Ptr< QelType > Dir::_fwkType() {
     return *type;
 }
 
-Entity::Entity( const Name& name, const Qel::Ptr< QelType >& type ) : name_( name ), type_( type ) {}
+Entity::Entity( const Name& name, const Qel::Ptr< QelType >& type )
+    : name_( name ), type_( type ) {}
 
-Ptr< QelType > Entity::fwkType() const {
-    return type_ ? type_ : _fwkType();
-}
+Ptr< QelType > Entity::fwkType() const { return type_ ? type_ : _fwkType(); }
 
 Ptr< GenericIf > Entity::genericIf() {
     Qel::Ptr< GenericIf > generic = fwkType()->genericIf();
@@ -120,7 +120,9 @@ Entity::Ptr Entity::newEntity( const String& typeName, const Name& name ) {
     return newEntity( typeName, name, nullptr );
 }
 
-Entity::Ptr Entity::newEntity( const String& typeName, const Name& name, const Qel::Ptr< Dir >& parent ) {
+Entity::Ptr Entity::newEntity( const String& typeName,
+                               const Name& name,
+                               const Qel::Ptr< Dir >& parent ) {
     const Qel::Ptr< QelType > type = QelType::typeNode( typeName );
     if ( !type || !type->isEntity() ) {
         traceRefusal( type ? "type '" + typeName + "' is not made by name"
@@ -154,9 +156,7 @@ Entity::Ptr Entity::singletonIs( TypeFunction typeFunction, const Name& name ) {
     return entity;
 }
 
-void Entity::singletonDel( TypeFunction type ) {
-    singletons().erase( type().get() );
-}
+void Entity::singletonDel( TypeFunction type ) { singletons().erase( type().get() ); }
 
 std::ostream& operator<<( std::ostream& os, const Entity::Ptr& entity ) {
     return os << entityToStrep( entity.get() );

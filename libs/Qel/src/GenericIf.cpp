@@ -9,12 +9,11 @@ namespace {
 
 using Flags = QelAttr::QelAttrIntrospectionFlags;
 
-String quoted( const String& name ) {
-    return "'" + name + "'";
-}
+String quoted( const String& name ) { return "'" + name + "'"; }
 
 [[noreturn]] void refuseOperation( const String& name ) {
-    throw OpNotSupportedException( "operation " + quoted( name ) + " is not supported as an attribute" );
+    throw OpNotSupportedException( "operation " + quoted( name ) +
+                                   " is not supported as an attribute" );
 }
 
 [[noreturn]] void refuseChange( const String& name ) {
@@ -40,12 +39,12 @@ std::vector< GenericValue > matched( const QelAttr& op, const GenericArguments& 
             ++i;
         }
         if ( i == op.arguments.size() ) {
-            throw UnknownArgumentException( "operation " + quoted( op.name ) + " takes no argument " +
-                                            quoted( name ) );
+            throw UnknownArgumentException( "operation " + quoted( op.name ) +
+                                            " takes no argument " + quoted( name ) );
         }
         if ( seen[ i ] ) {
-            throw RepeatedArgumentException( "operation " + quoted( op.name ) + " was given argument " +
-                                             quoted( name ) + " twice" );
+            throw RepeatedArgumentException( "operation " + quoted( op.name ) +
+                                             " was given argument " + quoted( name ) + " twice" );
         }
         seen[ i ] = true;
         ordered[ i ] = value;
@@ -132,7 +131,8 @@ String GenericIf::strep() const {
 const QelAttr& GenericIf::found( const String& name ) const {
     const QelAttr* attr = type_->attr( name );
     if ( !attr ) {
-        throw UnknownAttributeException( type_->fullName() + " has no attribute " + quoted( name ) );
+        throw UnknownAttributeException( type_->fullName() + " has no attribute " +
+                                         quoted( name ) );
     }
     return *attr;
 }
@@ -167,14 +167,13 @@ GenericValue GenericIf::read( const QelAttr& attr ) const {
     return attr.access->read( object( attr ) );
 }
 
-U32 GenericIf::attributeId( const String& name ) const {
-    return found( name ).id;
-}
+U32 GenericIf::attributeId( const String& name ) const { return found( name ).id; }
 
 GenericValue GenericIf::attribute( U32 id ) const {
     const QelAttr* attr = type_->attr( id );
     if ( !attr ) {
-        throw UnknownAttributeException( type_->fullName() + " has no attribute of id " + decimal( id ) );
+        throw UnknownAttributeException( type_->fullName() + " has no attribute of id " +
+                                         decimal( id ) );
     }
     return read( data( attr->name, false ) );
 }
@@ -209,7 +208,9 @@ void GenericIf::attributeIs( const String& name, const GenericValue& value ) {
     attr.access->write( object( attr ), value );
 }
 
-void GenericIf::attributeIs( const String& name, const GenericValue& index, const GenericValue& value ) {
+void GenericIf::attributeIs( const String& name,
+                             const GenericValue& index,
+                             const GenericValue& value ) {
     const QelAttr& attr = found( name );
     if ( attr.isFunction() ) {
         refuseOperation( name );
@@ -243,7 +244,8 @@ void GenericIf::attributeDel( const String& name, const GenericValue& index ) {
 GenericValue GenericIf::call( const String& operation, const GenericArguments& arguments ) {
     const QelAttr& op = found( operation );
     if ( !op.isFunction() ) {
-        throw OpNotSupportedException( "attribute " + quoted( operation ) + " is not an operation" );
+        throw OpNotSupportedException( "attribute " + quoted( operation ) +
+                                       " is not an operation" );
     }
     if ( op.flags.has( Flags::isMutating_ ) ) {
         needChangeable();

@@ -26,7 +26,9 @@ public:
     }
     void handleAttr( const QelAttr& attr ) override { type_->attrIs( attr ); }
     void handleAttrContextExit() override {}
-    void handleEnumValue( S64 number, const String& name ) override { type_->enumValueIs( number, name ); }
+    void handleEnumValue( S64 number, const String& name ) override {
+        type_->enumValueIs( number, name );
+    }
     void handleScopeExit() override { type_ = nullptr; }
 
 private:

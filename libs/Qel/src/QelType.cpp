@@ -14,7 +14,8 @@ namespace {
 
 constexpr SourcePosition flagsPosition {
     "src-includes/Qel/QelAttr", 41,
-    "Qel::QelAttr::QelAttrIntrospectionFlags::QelAttrIntrospectionFlags(Qel::U32)" };
+    "Qel::QelAttr::QelAttrIntrospectionFlags::QelAttrIntrospectionFlags(Qel::U32)"
+};
 
 struct Registry {
     std::mutex mutex;
@@ -30,7 +31,8 @@ Registry& registry() {
 } // namespace
 
 QelAttr::QelAttrIntrospectionFlags::QelAttrIntrospectionFlags( U32 value ) : value_( value ) {
-    assertThat( value <= 0x3f, "QelAttrIntrospectionFlags::value > 0x3f not allowed", flagsPosition );
+    assertThat( value <= 0x3f, "QelAttrIntrospectionFlags::value > 0x3f not allowed",
+                flagsPosition );
 }
 
 QelType::QelType( const String& fullName, const TypeOps& ops, const Ptr< QelType >& base )
@@ -113,9 +115,7 @@ void QelType::enumValueIs( S64 number, const String& name ) {
     enumValues_.emplace_back( number, name );
 }
 
-Ptr< GenericIf > QelType::genericIf() {
-    return new GenericIf( this );
-}
+Ptr< GenericIf > QelType::genericIf() { return new GenericIf( this ); }
 
 GenericValue::GenericValue( std::shared_ptr< const void > value,
                             const std::type_info& info,
@@ -131,9 +131,7 @@ GenericValue& GenericValue::operator=( GenericValue o ) noexcept {
     return *this;
 }
 
-String GenericValue::typeName() const {
-    return type_ ? type_->fullName() : String( "none" );
-}
+String GenericValue::typeName() const { return type_ ? type_->fullName() : String( "none" ); }
 
 String GenericValue::strep() const {
     return type_ ? type_->ops().print( value_.get() ) : String( "None" );

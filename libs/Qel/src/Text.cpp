@@ -14,17 +14,13 @@ bool isSpace( char c ) noexcept {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
 }
 
-bool isDigit( char c ) noexcept {
-    return c >= '0' && c <= '9';
-}
+bool isDigit( char c ) noexcept { return c >= '0' && c <= '9'; }
 
 bool isWordCharacter( char c ) noexcept {
     return isDigit( c ) || ( c >= 'a' && c <= 'z' ) || ( c >= 'A' && c <= 'Z' ) || c == '_';
 }
 
-char hexDigit( unsigned v ) noexcept {
-    return "0123456789abcdef"[ v & 15 ];
-}
+char hexDigit( unsigned v ) noexcept { return "0123456789abcdef"[ v & 15 ]; }
 
 int hexValue( char c ) noexcept {
     if ( isDigit( c ) ) {
@@ -43,12 +39,23 @@ int hexValue( char c ) noexcept {
 
 void appendEscaped( String& out, char c ) {
     switch ( c ) {
-    case '\n': out += "\\n"; return;
-    case '\r': out += "\\r"; return;
-    case '\t': out += "\\t"; return;
-    case '\\': out += "\\\\"; return;
-    case '\'': out += "\\'"; return;
-    default: break;
+    case '\n':
+        out += "\\n";
+        return;
+    case '\r':
+        out += "\\r";
+        return;
+    case '\t':
+        out += "\\t";
+        return;
+    case '\\':
+        out += "\\\\";
+        return;
+    case '\'':
+        out += "\\'";
+        return;
+    default:
+        break;
     }
     const auto byte = U8( c );
     if ( byte >= 0x20 && byte < 0x7f ) {
@@ -66,14 +73,23 @@ char readEscape( It& it, const It& end ) {
         fail( "an escaped character", it, end );
     }
     switch ( *it ) {
-    case 'n': ++it; return '\n';
-    case 'r': ++it; return '\r';
-    case 't': ++it; return '\t';
+    case 'n':
+        ++it;
+        return '\n';
+    case 'r':
+        ++it;
+        return '\r';
+    case 't':
+        ++it;
+        return '\t';
     case '\\':
     case '\'':
-    case '"': return *it++;
-    case 'x': break;
-    default: fail( "an escape (n, r, t, x, a quote or a backslash)", it, end );
+    case '"':
+        return *it++;
+    case 'x':
+        break;
+    default:
+        fail( "an escape (n, r, t, x, a quote or a backslash)", it, end );
     }
     ++it;
     int value = 0;
@@ -122,7 +138,8 @@ Digits readDigits( It& it, const It& end ) {
 U64 readUnsigned( It& it, const It& end, U64 max, const char* type ) {
     const Digits d = readDigits( it, end );
     U64 value = 0;
-    const auto [ stop, error ] = std::from_chars( d.text.data(), d.text.data() + d.text.size(), value );
+    const auto [ stop, error ] =
+        std::from_chars( d.text.data(), d.text.data() + d.text.size(), value );
     static_cast< void >( stop );
     if ( error != std::errc() || value > max || ( d.negative && value != 0 ) ) {
         outOfRange( d, type );
@@ -197,7 +214,8 @@ T readReal( It& it, const It& end, const char* type ) {
     }
     const auto [ stop, error ] = std::from_chars( first, end.position(), value );
     if ( error == std::errc::result_out_of_range ) {
-        throw RangeException( String( first, std::size_t( stop - first ) ) + " is out of range for " + type );
+        throw RangeException( String( first, std::size_t( stop - first ) ) +
+                              " is out of range for " + type );
     }
     if ( error != std::errc() ) {
         fail( "a number", it, end );
@@ -252,17 +270,11 @@ String excerpt( const It& it, const It& end ) {
     return end - it > most ? out + "..." : out;
 }
 
-String valueToStrep( bool v ) {
-    return v ? "True" : "False";
-}
+String valueToStrep( bool v ) { return v ? "True" : "False"; }
 
-String valueToStrep( U64 v ) {
-    return decimal( v );
-}
+String valueToStrep( U64 v ) { return decimal( v ); }
 
-String valueToStrep( S64 v ) {
-    return decimalSigned( v );
-}
+String valueToStrep( S64 v ) { return decimalSigned( v ); }
 
 String valueToStrep( double v ) {
     if ( std::isnan( v ) ) {
@@ -290,10 +302,11 @@ String valueToStrep( const String& v ) {
 
 String pointerToStrep( const char* typeName, const void* pointer ) {
     char digits[ 20 ];
-    const auto [ stop, error ] =
-        std::to_chars( digits, digits + sizeof digits, reinterpret_cast< std::uintptr_t >( pointer ), 16 );
+    const auto [ stop, error ] = std::to_chars( digits, digits + sizeof digits,
+                                                reinterpret_cast< std::uintptr_t >( pointer ), 16 );
     static_cast< void >( error );
-    return String( "Pointer('" ) + typeName + "', 0x" + String( digits, std::size_t( stop - digits ) ) + ")";
+    return String( "Pointer('" ) + typeName + "', 0x" +
+           String( digits, std::size_t( stop - digits ) ) + ")";
 }
 
 bool sequenceToValue( It& it, const It& end, bool* ) {
@@ -314,30 +327,14 @@ bool sequenceToValue( It& it, const It& end, bool* ) {
     fail( "True or False", it, end );
 }
 
-U64 sequenceToValue( It& it, const It& end, U64* ) {
-    return unsignedOf< U64 >( it, end, "U64" );
-}
-U32 sequenceToValue( It& it, const It& end, U32* ) {
-    return unsignedOf< U32 >( it, end, "U32" );
-}
-U16 sequenceToValue( It& it, const It& end, U16* ) {
-    return unsignedOf< U16 >( it, end, "U16" );
-}
-U8 sequenceToValue( It& it, const It& end, U8* ) {
-    return unsignedOf< U8 >( it, end, "U8" );
-}
-S64 sequenceToValue( It& it, const It& end, S64* ) {
-    return signedOf< S64 >( it, end, "S64" );
-}
-S32 sequenceToValue( It& it, const It& end, S32* ) {
-    return signedOf< S32 >( it, end, "S32" );
-}
-S16 sequenceToValue( It& it, const It& end, S16* ) {
-    return signedOf< S16 >( it, end, "S16" );
-}
-S8 sequenceToValue( It& it, const It& end, S8* ) {
-    return signedOf< S8 >( it, end, "S8" );
-}
+U64 sequenceToValue( It& it, const It& end, U64* ) { return unsignedOf< U64 >( it, end, "U64" ); }
+U32 sequenceToValue( It& it, const It& end, U32* ) { return unsignedOf< U32 >( it, end, "U32" ); }
+U16 sequenceToValue( It& it, const It& end, U16* ) { return unsignedOf< U16 >( it, end, "U16" ); }
+U8 sequenceToValue( It& it, const It& end, U8* ) { return unsignedOf< U8 >( it, end, "U8" ); }
+S64 sequenceToValue( It& it, const It& end, S64* ) { return signedOf< S64 >( it, end, "S64" ); }
+S32 sequenceToValue( It& it, const It& end, S32* ) { return signedOf< S32 >( it, end, "S32" ); }
+S16 sequenceToValue( It& it, const It& end, S16* ) { return signedOf< S16 >( it, end, "S16" ); }
+S8 sequenceToValue( It& it, const It& end, S8* ) { return signedOf< S8 >( it, end, "S8" ); }
 
 double sequenceToValue( It& it, const It& end, double* ) {
     return readReal< double >( it, end, "double" );
@@ -370,14 +367,16 @@ void* sequenceToPointer( It& it, const It& end, const char* typeName ) {
     needString( it, end, " ( " );
     const String name = sequenceToValue( it, end, static_cast< String* >( nullptr ) );
     if ( name != typeName ) {
-        throw RangeException( String( "expected a pointer to " ) + typeName + " but found one to " + name );
+        throw RangeException( String( "expected a pointer to " ) + typeName + " but found one to " +
+                              name );
     }
     needString( it, end, " , " );
     needString( it, end, "0x" );
     std::uintptr_t value = 0;
     const auto [ stop, error ] = std::from_chars( it.position(), end.position(), value, 16 );
     if ( error == std::errc::result_out_of_range ) {
-        throw RangeException( String( "the address of a pointer to " ) + typeName + " is out of range" );
+        throw RangeException( String( "the address of a pointer to " ) + typeName +
+                              " is out of range" );
     }
     if ( error != std::errc() ) {
         fail( "hexadecimal digits", it, end );

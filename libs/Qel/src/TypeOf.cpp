@@ -72,10 +72,10 @@ QEL_BUILTIN( Name, "Qel::Name" )
 namespace {
 
 // Built-in types are found by name from the start.
-const Ptr< QelType > builtins[] = { typeOf< bool >(),   typeOf< U8 >(),     typeOf< U16 >(),
-                                    typeOf< U32 >(),    typeOf< U64 >(),    typeOf< S8 >(),
-                                    typeOf< S16 >(),    typeOf< S32 >(),    typeOf< S64 >(),
-                                    typeOf< float >(),  typeOf< double >(), typeOf< String >(),
+const Ptr< QelType > builtins[] = { typeOf< bool >(),  typeOf< U8 >(),     typeOf< U16 >(),
+                                    typeOf< U32 >(),   typeOf< U64 >(),    typeOf< S8 >(),
+                                    typeOf< S16 >(),   typeOf< S32 >(),    typeOf< S64 >(),
+                                    typeOf< float >(), typeOf< double >(), typeOf< String >(),
                                     typeOf< Name >() };
 
 } // namespace
