@@ -406,6 +406,7 @@ TEST_F( ControlTest, ANewIncarnationIsAttachedToAndToldAsDifferences ) {
     EXPECT_NE( reader.fenixId(), old );
     EXPECT_EQ( reader.fenixId(), writer.fenixId() );
     EXPECT_EQ( reader.attachments, 2U );
+    EXPECT_EQ( reader.readerCounters().slotResizes, 1U );
     EXPECT_EQ( reader.takeChanges(),
                ( Changes { { 1, false }, { 2, false }, { 3, true }, { 4, true } } ) );
 }
@@ -495,7 +496,8 @@ TEST_F( ControlTest, AForkedChildOfTheWriterCannotWriteAndDisturbsNothing ) {
     EXPECT_EQ( Krell::WriterLock::holderOf( Krell::Directory::open( place() ) ), ::getpid() );
     put( writer, 2, 20 );
     EXPECT_TRUE( writer.validate() );
-    // The parent is still marked as at work: were it killed now, a restart of the machine would tell.
+    // The parent is still marked as at work: were it killed now, a restart of the machine would
+    // tell.
     const std::string slots = bytesOf( place() + "/slots" );
     EXPECT_EQ( U32( slots[ 176 ] ) & Krell::Segments::inUse_, U32( Krell::Segments::inUse_ ) );
     writer.detach();

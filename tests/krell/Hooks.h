@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <cerrno>
 #include <functional>
 #include <set>
 #include <string>
@@ -21,7 +22,10 @@ public:
         bool operator==( const Line& ) const = default;
     };
 
-    bool enabled( int level ) override { return allLevels || levels.contains( level ); }
+    bool enabled( int level ) override {
+        errno = EIO; // a handler may leave anything there
+        return allLevels || levels.contains( level );
+    }
     void dump( const std::stringstream& text, int level ) override {
         lines.push_back( { text.str(), level } );
     }

@@ -191,6 +191,7 @@ TEST_F( KrellMemTest, ErrnoSurvivesTheTrace ) {
     handler.levels = { 5 };
     const TraceRecorder recorder;
     KrellMem mem( handler, path, "slots", false );
+    Qel::traceSinkIs( []( const Qel::String& ) { errno = EIO; } );
     errno = 12345;
     EXPECT_EQ( mem.memSize(), 0U );
     EXPECT_EQ( errno, 12345 );

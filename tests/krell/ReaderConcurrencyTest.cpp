@@ -1,5 +1,5 @@
-// Readers beside a writer that does not stop for them: threads on one mapping, for the race detector,
-// and processes.
+// Readers beside a writer that does not stop for them: threads on one mapping, for the race
+// detector, and processes.
 
 #include <atomic>
 #include <thread>

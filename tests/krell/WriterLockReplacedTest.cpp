@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <vector>
@@ -55,6 +56,9 @@ private:
     std::function< void( int ) > action_;
     int calls_ = 0;
 };
+
+// Runs once, before this thread's next opening of a lock file.
+thread_local std::function< void() > beforeOpen;
 
 class WriterLockReplacedTest : public WriterLockFixture {};
 
@@ -153,6 +157,33 @@ TEST_F( WriterLockReplacedTest, AnotherNameOfALockedFileDoesNotGiveTheLockAway )
     EXPECT_FALSE( freeForOthers() );
 }
 
+// The name comes to mean the locked file just before it is opened. Closing that descriptor again
+// would give the lock away.
+TEST_F( WriterLockReplacedTest, ALockedFileThatTakesANameInTimeStaysLocked ) {
+    const Directory other = Directory::create( root / "other" );
+    WriterLock lock;
+    ASSERT_TRUE( lock.tryLock( directory ) );
+    const auto plant = [ & ] {
+        bytesInto( root / "other/last-owner", "" );
+        fs::create_hard_link( file(), root / "other/link" );
+        beforeOpen = [ & ] { fs::rename( root / "other/link", root / "other/last-owner" ); };
+    };
+    WriterLock second;
+    plant();
+    EXPECT_FALSE( second.tryLock( other ) );
+    EXPECT_FALSE( beforeOpen );
+    EXPECT_EQ( second.holder(), ::getpid() );
+    EXPECT_FALSE( freeForOthers() );
+    fs::remove( root / "other/last-owner" );
+    plant();
+    EXPECT_TRUE( WriterLock::ownerOf( other ).has_value() );
+    EXPECT_FALSE( freeForOthers() );
+    fs::remove( root / "other/last-owner" );
+    plant();
+    EXPECT_EQ( WriterLock::holderOf( other ), ::getpid() );
+    EXPECT_FALSE( freeForOthers() );
+}
+
 TEST_F( WriterLockReplacedTest, WhatIsNoRegularFileIsRefused ) {
     const auto expectRefused = [ & ] {
         WriterLock lock;
@@ -197,4 +228,20 @@ extern "C" __attribute__( ( visibility( "default" ) ) ) int fcntl64( int fd, int
     void* argument = va_arg( arguments, void* );
     va_end( arguments );
     return interposed( fd, command, argument );
+}
+
+extern "C" __attribute__( ( visibility( "default" ) ) ) int openat64( int base,
+                                                                      const char* name,
+                                                                      int flags,
+                                                                      ... ) {
+    va_list arguments;
+    va_start( arguments, flags );
+    const unsigned mode = flags & O_CREAT ? va_arg( arguments, unsigned ) : 0;
+    va_end( arguments );
+    if ( beforeOpen && std::strcmp( name, "last-owner" ) == 0 ) {
+        std::exchange( beforeOpen, nullptr )();
+    }
+    using Openat = int ( * )( int, const char*, int, unsigned );
+    return reinterpret_cast< Openat >( ::dlsym( RTLD_NEXT, "openat64" ) )( base, name, flags,
+                                                                           mode );
 }

@@ -54,8 +54,8 @@ unsigned BucketArray::log2For( U64 entries ) noexcept {
     return log2;
 }
 
-// In front of the present array if it fits there, else behind it: arrays of one size take turns, and
-// arrays that double leave a file of twice the last one's size.
+// In front of the present array if it fits there, else behind it: arrays of one size take turns,
+// and arrays that double leave a file of twice the last one's size.
 BucketArray BucketArray::beside( const BucketArray& present, unsigned log2, U32 overflow ) {
     Segments& segments = *present.segments_;
     const U64 lines = 1 + ( U64( 1 ) << log2 ) + overflow;

@@ -71,6 +71,8 @@ void Control::init( QelKrell::QelKrellType type, bool isLocal, unsigned int size
 
 void Control::open( Role role, bool isLocal, U32 size ) {
     path_ = path();
+    table_.countersReset();
+    replacements_ = 0;
     role_ = role;
     local_ = isLocal;
     if ( isLocal ) {
@@ -223,7 +225,7 @@ QelKrell::ReaderCounters Control::readerCounters() {
     QelKrell::ReaderCounters counters;
     counters.occupiedSlots = table_.occupied();
     counters.usedLookaside = table_.usedLookaside();
-    counters.slotResizes = table_.slotResizes();
+    counters.slotResizes = table_.slotResizes() + replacements_;
     counters.chainRestarts = table_.chainRestarts();
     counters.slotBaseAddress =
         incarnation_.exists() ? lowWord( &incarnation_.segments()->header() ) : 0;

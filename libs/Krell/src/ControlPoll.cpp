@@ -12,8 +12,8 @@ using Clock = std::chrono::steady_clock;
 
 // Slots that are looked at between two looks at the clock.
 constexpr U32 batch = 256;
-// Rounds between two looks at the stamp's file, for the case that a writer died after it had replaced
-// the stamp, and before it set the flag in the old segments.
+// Rounds between two looks at the stamp's file, for the case that a writer died after it had
+// replaced the stamp, and before it set the flag in the old segments.
 constexpr U32 stampRounds = 50;
 
 } // namespace
@@ -124,6 +124,7 @@ void Control::replace() {
     }
     const U32 attachment = attachments_;
     if ( incarnation_.exists() ) {
+        ++replacements_;
         handleAttached();
     }
     ReaderTable oldTable( old.segments() );

@@ -10,8 +10,8 @@ namespace {
 
 } // namespace
 
-// The record is the change in flight, for a slot that was seen being written (SYNC( lookaside )): it
-// was whole before that version was stored, and it is used again only after the next version is.
+// The record is the change in flight, for a slot that was seen being written (SYNC( lookaside )):
+// it was whole before that version was stored, and it is used again only after the next version is.
 bool ReaderTable::readLookaside( U32 index, SlotVersion seen, U64* value ) {
     using Dov::Atomics::loadAcquire;
     const LookasideHead& record = segments_->lookaside();

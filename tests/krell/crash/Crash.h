@@ -18,14 +18,19 @@ struct Crash {
 };
 
 // Runs `prepare` and then `body` in a child, which is killed when `body` passes its n-th place (n
-// from 1). A child that ends otherwise than by this or by the end of `body` is a std::runtime_error.
-Crash killedAt( unsigned n, const std::function< void() >& prepare, const std::function< void() >& body );
+// from 1). A child that ends otherwise than by this or by the end of `body` is a
+// std::runtime_error.
+Crash killedAt( unsigned n,
+                const std::function< void() >& prepare,
+                const std::function< void() >& body );
 
-// A child that stops itself (SIGSTOP) when `body` passes its n-th place, and is killed at the end of
-// the object's life.
+// A child that stops itself (SIGSTOP) when `body` passes its n-th place, and is killed at the end
+// of the object's life.
 class Stopped {
 public:
-    Stopped( unsigned n, const std::function< void() >& prepare, const std::function< void() >& body );
+    Stopped( unsigned n,
+             const std::function< void() >& prepare,
+             const std::function< void() >& body );
     ~Stopped();
     Stopped( const Stopped& ) = delete;
     Stopped& operator=( const Stopped& ) = delete;
@@ -41,7 +46,7 @@ private:
 
 // Sanitizers make each child slow: they try every n-th place, all others every one.
 #if defined( __SANITIZE_ADDRESS__ ) || defined( __SANITIZE_THREAD__ )
-inline constexpr unsigned stride = 5;
+inline constexpr unsigned stride = 3;
 #else
 inline constexpr unsigned stride = 1;
 #endif

@@ -1,4 +1,5 @@
-// A writer is killed at every place of making a collection, of replacing one, and of taking one away.
+// A writer is killed at every place of making a collection, of replacing one, and of taking one
+// away.
 
 #include <algorithm>
 #include <filesystem>

@@ -1,6 +1,6 @@
-// A writer is killed, or stopped, at every place of every kind of change: readers go on, and the next
-// writer finds the state before the change or the one after it, and never takes back what a reader
-// saw.
+// A writer is killed, or stopped, at every place of every kind of change: readers go on, and the
+// next writer finds the state before the change or the one after it, and never takes back what a
+// reader saw.
 
 #include <memory>
 
@@ -55,9 +55,7 @@ struct Change {
     void ( *change )( Both& );
 };
 
-void PrintTo( const Change& change, std::ostream* os ) {
-    *os << change.name;
-}
+void PrintTo( const Change& change, std::ostream* os ) { *os << change.name; }
 
 void fill( Both& both, U64 count ) {
     for ( U64 n = 0; n < count; ++n ) {
