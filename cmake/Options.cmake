@@ -63,5 +63,7 @@ function( qelkrell_library name )
     else()
         qelkrell_exports( ${name} NAMESPACES ${name} )
     endif()
+    # Installed together, they find each other wherever that is.
+    set_target_properties( ${name} PROPERTIES INSTALL_RPATH $ORIGIN )
     set_target_properties( ${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} )
 endfunction()

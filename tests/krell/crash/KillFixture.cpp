@@ -1,0 +1,73 @@
+#include "krell/crash/KillFixture.h"
+
+namespace KrellTest {
+
+namespace {
+
+void fill( Both& both, U64 count ) {
+    for ( U64 n = 0; n < count; ++n ) {
+        both.put( key( n ), 10 * n );
+    }
+}
+
+void fillColliding( Both& both, U64 count ) {
+    for ( U64 n = 0; n < count; ++n ) {
+        both.put( collidingKey( n ), 10 * n );
+    }
+}
+
+const std::vector< Change > changes {
+    { "Update", 8, []( Both& b ) { fill( b, 4 ); }, []( Both& b ) { b.put( key( 2 ), 77 ); } },
+    { "SecondUpdate", 8,
+      []( Both& b ) {
+          fill( b, 4 );
+          b.put( key( 2 ), 76 );
+      },
+      []( Both& b ) { b.put( key( 2 ), 77 ); } },
+    { "UpdateOfAnotherKey", 8,
+      []( Both& b ) {
+          fill( b, 4 );
+          b.put( key( 3 ), 76 );
+      },
+      []( Both& b ) { b.put( key( 1 ), 77 ); } },
+    { "Insert", 8, []( Both& b ) { fill( b, 4 ); }, []( Both& b ) { b.put( key( 9 ), 77 ); } },
+    { "FirstInsert", 8, []( Both& ) {}, []( Both& b ) { b.put( key( 9 ), 77 ); } },
+    { "Delete", 8, []( Both& b ) { fill( b, 4 ); }, []( Both& b ) { b.del( key( 1 ) ); } },
+    { "DeleteOfTheUpdatedKey", 8,
+      []( Both& b ) {
+          fill( b, 4 );
+          b.put( key( 1 ), 76 );
+      },
+      []( Both& b ) { b.del( key( 1 ) ); } },
+    { "InsertIntoARetiredSlot", 4,
+      []( Both& b ) {
+          fill( b, 4 );
+          b.put( key( 1 ), 76 );
+          b.del( key( 1 ) );
+      },
+      []( Both& b ) { b.put( key( 9 ), 77 ); } },
+    { "InsertOfTheDeletedKey", 4,
+      []( Both& b ) {
+          fill( b, 4 );
+          b.del( key( 1 ) );
+      },
+      []( Both& b ) { b.put( key( 1 ), 77 ); } },
+    { "InsertThatGrowsTheSlots", 4, []( Both& b ) { fill( b, 4 ); },
+      []( Both& b ) { b.put( key( 9 ), 77 ); } },
+    { "InsertThatGrowsTheBuckets", 64, []( Both& b ) { fill( b, 64 ); },
+      []( Both& b ) { b.put( key( 99 ), 77 ); } },
+    { "InsertThatLinksAnOverflowBucket", 64, []( Both& b ) { fillColliding( b, 12 ); },
+      []( Both& b ) { b.put( collidingKey( 99 ), 77 ); } },
+    // One primary bucket and the four overflow buckets of the smallest array are full.
+    { "InsertThatLengthensTheChains", 256, []( Both& b ) { fillColliding( b, 60 ); },
+      []( Both& b ) { b.put( collidingKey( 99 ), 77 ); } },
+    { "Growth", 4, []( Both& b ) { fill( b, 4 ); }, []( Both& b ) { b.grow(); } },
+};
+
+} // namespace
+
+const std::vector< Change >& allChanges() { return changes; }
+
+void PrintTo( const Change& change, std::ostream* os ) { *os << change.name; }
+
+} // namespace KrellTest
