@@ -48,12 +48,16 @@ const QelKrell::Mount& mounts( bool local ) {
     return local ? localMount : sharedMount;
 }
 
-// A writer keeps its lock file and its segments open: as many descriptors as this process may have.
+// A writer holds four descriptors for each collection: its directory, its lock and two segments.
 void raiseDescriptorLimit() {
+    constexpr rlim_t wanted = 65536;
     rlimit limit {};
     getrlimit( RLIMIT_NOFILE, &limit );
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit( RLIMIT_NOFILE, &limit );
+    const rlimit high { std::max( wanted, limit.rlim_cur ), std::max( wanted, limit.rlim_max ) };
+    if ( setrlimit( RLIMIT_NOFILE, &high ) != 0 ) { // only root goes beyond the hard limit
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit( RLIMIT_NOFILE, &limit );
+    }
 }
 
 // Arguments: how many entities; whether the entity manager is local.
