@@ -7,8 +7,9 @@ namespace QelKrell {
 constexpr auto describe( const KrellEntities* ) {
     using K = KrellEntities;
     return Qel::entityType< K >(
-        "QelKrell::KrellEntities", Qel::indexed( "count", &K::count, &K::countIs, &K::countDel ),
-        Qel::indexed( "path", &K::path ),
+        "QelKrell::KrellEntities",
+        Qel::indexed( "count", &K::count, &K::names, &K::countIs, &K::countDel ),
+        Qel::indexed( "path", &K::path, &K::names ),
         Qel::property( "isNondestructing", &K::isNondestructing, &K::isNondestructingIs ),
         Qel::property( "zeroReferences", &K::zeroReferences, &K::zeroReferencesIs ) );
 }
@@ -23,6 +24,14 @@ Qel::U32 KrellEntities::count( Qel::String8 name ) const {
 }
 
 Qel::U32 KrellEntities::path( Qel::String8 name ) const { return count( std::move( name ) ); }
+
+std::vector< Qel::String8 > KrellEntities::names() const {
+    std::vector< Qel::String8 > all;
+    for ( CountIterator it = countIterator(); it.next(); ) {
+        all.push_back( it->key() );
+    }
+    return all;
+}
 
 Qel::Ptr< KrellEntities::QelCount > KrellEntities::newCount( Qel::String8 name, Qel::U32 value ) {
     Qel::Ptr< QelCount > node = new QelCount( name, value );

@@ -14,24 +14,45 @@ inline constexpr const char* foreignName< Krell::ControlBase > = "Krell::Control
 
 namespace QelKrell {
 
+namespace {
+
+// Callers by name see framework exceptions only.
+struct Translated {
+    template < class F >
+    static Qel::GenericValue run( F&& f ) {
+        try {
+            return f();
+        } catch ( const Krell::Exception& e ) {
+            throwQelKrellException( e );
+        }
+    }
+};
+
+} // namespace
+
 constexpr auto describe( const CollectionControl* ) {
     using C = CollectionControl;
     return Qel::valueType< C >(
         "QelKrell::CollectionControl", Qel::attribute( "control", &C::control_ ),
-        Qel::operation( "writerCounters", &C::writerCounters ),
-        Qel::operation( "readerCounters", &C::readerCounters ),
-        Qel::operation( "init", &C::init, { "mode", "isLocal", "size" } ),
-        Qel::operation( "cleanup", &C::cleanup ), Qel::operation( "rootPath", &C::rootPath ),
-        Qel::operation( "krellName", &C::krellName ), Qel::operation( "validate", &C::validate ),
-        Qel::operation( "mountStatus", &C::mountStatus ),
-        Qel::operation( "sequence", &C::sequence ), Qel::operation( "fenixId", &C::fenixId ),
-        Qel::operation( "owner", &C::owner ), Qel::operation( "detach", &C::detach ),
-        Qel::operation( "resize", &C::resize ), Qel::operation( "maxSize", &C::maxSize ),
-        Qel::operation( "capacity", &C::capacity ),
-        Qel::operation( "notifying", &C::notifying, { "notifying_" } ),
-        Qel::operation( "yieldTimeIs", &C::yieldTimeIs,
-                        { Qel::argument( "yieldTime", "Qel::Seconds" ) } ),
-        Qel::operation( "sampleIs", &C::sampleIs, { "sample" } ) );
+        Qel::operation< Translated >( "writerCounters", &C::writerCounters ),
+        Qel::operation< Translated >( "readerCounters", &C::readerCounters ),
+        Qel::operation< Translated >( "init", &C::init, { "mode", "isLocal", "size" } ),
+        Qel::operation< Translated >( "cleanup", &C::cleanup ),
+        Qel::operation< Translated >( "rootPath", &C::rootPath ),
+        Qel::operation< Translated >( "krellName", &C::krellName ),
+        Qel::operation< Translated >( "validate", &C::validate ),
+        Qel::operation< Translated >( "mountStatus", &C::mountStatus ),
+        Qel::operation< Translated >( "sequence", &C::sequence ),
+        Qel::operation< Translated >( "fenixId", &C::fenixId ),
+        Qel::operation< Translated >( "owner", &C::owner ),
+        Qel::operation< Translated >( "detach", &C::detach ),
+        Qel::operation< Translated >( "resize", &C::resize ),
+        Qel::operation< Translated >( "maxSize", &C::maxSize ),
+        Qel::operation< Translated >( "capacity", &C::capacity ),
+        Qel::operation< Translated >( "notifying", &C::notifying, { "notifying_" } ),
+        Qel::operation< Translated >( "yieldTimeIs", &C::yieldTimeIs,
+                                      { Qel::argument( "yieldTime", "Qel::Seconds" ) } ),
+        Qel::operation< Translated >( "sampleIs", &C::sampleIs, { "sample" } ) );
 }
 
 namespace {

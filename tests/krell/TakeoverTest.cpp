@@ -280,15 +280,15 @@ void writeFlatOut( Account& account, const Krell::Layout& layout, U64 seed, int 
     }
     for ( ;; ) {
         const U64 key = random() % 64;
-        const U64 next = __atomic_load_n( &account.begun[ key ], __ATOMIC_RELAXED ) + 1;
-        __atomic_store_n( &account.begun[ key ], next, __ATOMIC_RELEASE );
+        const U64 next = Dov::Atomics::loadRelaxed( &account.begun[ key ] ) + 1;
+        Dov::Atomics::storeRelease( &account.begun[ key ], next );
         const U64 words[ 2 ] = { next, ~next };
         if ( next % 5 == 0 ) {
             writer.writer().del< 1 >( &key );
         } else {
             writer.writer().put< 1, 2 >( &key, words );
         }
-        __atomic_store_n( &account.done[ key ], next, __ATOMIC_RELEASE );
+        Dov::Atomics::storeRelease( &account.done[ key ], next );
     }
 }
 
@@ -318,8 +318,8 @@ TEST_F( TakeoverTest, RandomKillsLoseNothing ) {
         ASSERT_EQ( ::read( ready[ 0 ], &byte, 1 ), 1 );
         ::close( ready[ 0 ] );
         // As many of the writer's changes as the dice say, then the kill.
-        const U64 wanted = __atomic_load_n( &account.done[ 0 ], __ATOMIC_ACQUIRE ) + random() % 50;
-        while ( __atomic_load_n( &account.done[ 0 ], __ATOMIC_ACQUIRE ) < wanted &&
+        const U64 wanted = Dov::Atomics::loadAcquire( &account.done[ 0 ] ) + random() % 50;
+        while ( Dov::Atomics::loadAcquire( &account.done[ 0 ] ) < wanted &&
                 ::kill( pid, 0 ) == 0 ) {
             ::sched_yield();
         }

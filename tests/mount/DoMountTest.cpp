@@ -1,5 +1,5 @@
-// Mounting: the entity and its directories, and how its collections are opened. The collections here
-// are control objects of the test's own.
+// Mounting: the entity and its directories, and how its collections are opened. The collections
+// here are control objects of the test's own.
 
 #include <Qel/Describe>
 #include <QelKrell/CollectionControl>
@@ -42,6 +42,7 @@ public:
     using Entity::Entity;
 
     Qel::U32 number( String ) const { return 0; }
+    std::vector< String > keys() const { return {}; }
     Qel::U32 scalar() const { return 1; }
     String scalarControl() const { return "not a control"; }
     QelKrell::CollectionControl firstControl() const {
@@ -54,12 +55,14 @@ public:
 };
 constexpr auto describe( const Engine* ) {
     using E = Engine;
-    return Qel::entityType< E >(
-        "DoMountTest::Engine", Qel::property( "scalar", &E::scalar ),
-        Qel::property( "scalarControl", &E::scalarControl ), Qel::indexed( "first", &E::number ),
-        Qel::property( "firstControl", &E::firstControl ), Qel::indexed( "second", &E::number ),
-        Qel::property( "secondControl", &E::secondControl ), Qel::property( "called", &E::scalar ),
-        Qel::operation( "calledControl", &E::calledControl ) );
+    return Qel::entityType< E >( "DoMountTest::Engine", Qel::property( "scalar", &E::scalar ),
+                                 Qel::property( "scalarControl", &E::scalarControl ),
+                                 Qel::indexed( "first", &E::number, &E::keys ),
+                                 Qel::property( "firstControl", &E::firstControl ),
+                                 Qel::indexed( "second", &E::number, &E::keys ),
+                                 Qel::property( "secondControl", &E::secondControl ),
+                                 Qel::property( "called", &E::scalar ),
+                                 Qel::operation( "calledControl", &E::calledControl ) );
 }
 class Other : public Entity {
 public:

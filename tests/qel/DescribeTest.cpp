@@ -46,6 +46,13 @@ public:
     Qel::U32 load( Qel::String8 slot ) const {
         return loads_.contains( slot ) ? loads_.at( slot ) : 0;
     }
+    std::vector< Qel::String8 > slots() const {
+        std::vector< Qel::String8 > all;
+        for ( const auto& [ slot, load ] : loads_ ) {
+            all.push_back( slot );
+        }
+        return all;
+    }
     void loadIs( Qel::String8 slot, Qel::U32 v ) { loads_[ slot ] = v; }
     void loadDel( Qel::String8 slot ) { loads_.erase( slot ); }
     Qel::String8 run( Mode mode, const Point& to, Qel::U32 times ) {
@@ -63,7 +70,8 @@ constexpr auto describe( const Machine* ) {
     return Qel::entityType< Machine >(
         "Bench::Machine", Qel::property( "speed", &Machine::speed, &Machine::speedIs ),
         Qel::property( "idling", &Machine::idle ),
-        Qel::indexed( "load", &Machine::load, &Machine::loadIs, &Machine::loadDel ),
+        Qel::indexed( "load", &Machine::load, &Machine::slots, &Machine::loadIs,
+                      &Machine::loadDel ),
         Qel::operation( "run", &Machine::run,
                         { "mode", "to", Qel::argument( "times", "Bench::Count" ) } ),
         Qel::operation( "idle", &Machine::idle ), Qel::operation( "stop", &Machine::stop ) );
@@ -205,6 +213,7 @@ TEST_F( DescribeGeneric, ReadsWritesAndCallsByName ) {
     EXPECT_EQ( generic->attribute( "name" ).strep(), "'m'" );
     generic->attributeIs( "load", genericValue( "a" ), genericValue( 3u ) );
     EXPECT_EQ( generic->attribute( "load", genericValue( "a" ) ).strep(), "3" );
+    EXPECT_THAT( generic->attributeIndices( "load" ), ElementsAre( genericValue( "a" ) ) );
     generic->attributeDel( "load", genericValue( "a" ) );
     EXPECT_EQ( generic->attribute( "load", genericValue( "a" ) ).strep(), "0" );
     const auto result = generic->call( "run", { { "times", genericValue( 2u ) },

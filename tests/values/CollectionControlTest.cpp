@@ -267,6 +267,23 @@ protected:
     CollectionControl::GenericIf_ onConst { constant };
 };
 
+TEST( CollectionControlGeneric, CallersByNameSeeFrameworkExceptions ) {
+    StrictMock< ControlMock > mock;
+    CollectionControl control( &mock );
+    CollectionControl::GenericIf_ generic { control };
+    EXPECT_CALL( mock, cleanup() )
+        .WillOnce( Throw( Krell::DuplicateWriterException( "somebody writes", 7 ) ) );
+    EXPECT_CALL( mock, validate() ).WillOnce( Throw( Krell::RuntimeException( "no way" ) ) );
+    try {
+        generic.call( "cleanup" );
+        ADD_FAILURE() << "nothing was thrown";
+    } catch ( const QelKrell::DuplicateWriterException& e ) {
+        EXPECT_STREQ( e.what(), "somebody writes" );
+        EXPECT_EQ( e.krellDetail(), 7u );
+    }
+    EXPECT_THROW( generic.call( "validate" ), Qel::InternalException );
+}
+
 TEST_F( ControlByName, OperationsWithoutArgumentsAreCalled ) {
     EXPECT_CALL( mock, cleanup() );
     EXPECT_FALSE( generic.call( "cleanup" ) );

@@ -139,7 +139,7 @@ protected:
         ASSERT_TRUE( next.validate() );
     }
 
-    const Change& change = GetParam();
+    const Change change = GetParam();
     const Krell::Layout layout = layoutOf( 2, valueWords );
     Contents before;
     Contents after;
