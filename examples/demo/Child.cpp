@@ -105,6 +105,7 @@ void show( const std::vector< Child* >& children,
         const auto left =
             std::chrono::ceil< std::chrono::milliseconds >( end - Clock::now() ).count();
         std::vector< pollfd > ready;
+        ready.reserve( children.size() );
         for ( const Child* child : children ) {
             ready.push_back( { child->output(), POLLIN, 0 } ); // a negative one is passed over
         }

@@ -59,7 +59,7 @@ bool same( const std::string& what, const std::string& wanted, const std::string
 
 // What a reader that comes now, in this process, finds.
 std::string digestNow() {
-    const Demo::Session session( QelKrell::MountInfo( QelKrell::reader ) );
+    const Demo::Session session { QelKrell::MountInfo( QelKrell::reader ) };
     return Demo::digest( *session.machine() );
 }
 

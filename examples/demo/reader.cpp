@@ -77,7 +77,7 @@ private:
 
 int main() {
     try {
-        const Demo::Session session( QelKrell::MountInfo( QelKrell::reader ) );
+        const Demo::Session session { QelKrell::MountInfo( QelKrell::reader ) };
         Demo::stopOnTerminate();
         const Qel::Ptr< Reporter > reporter = new Reporter( *session.machine() );
         Qel::System::doRun();

@@ -30,12 +30,12 @@ void reconcile( Collection& collection, const Values& wanted ) {
 }
 
 // Woken by the framework's clock.
-class Sampler : public Qel::Clock::Notifiee {
+class Sampler final : public Qel::Clock::Notifiee {
 public:
     explicit Sampler( Demo::Machine& machine ) : machine_( machine ) {
         notifierIs( Qel::ActivityManager::activityManager()->config()->clock() );
         isRegisteredNotifieeIs( true );
-        onTime();
+        Sampler::onTime();
     }
     void onTime() override {
         reconcile( machine_.interface, Demo::readInterfaces() );

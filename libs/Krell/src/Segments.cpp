@@ -48,7 +48,7 @@ BucketsHeader snapshot( const BucketsHeader& shared ) {
 }
 
 std::string copyText( const char* shared, U32 size ) {
-    std::string text( ( size + 3 ) / 4 * 4, '\0' );
+    std::string text( ( std::size_t( size ) + 3 ) / 4 * 4, '\0' );
     for ( U32 i = 0; i < text.size(); i += 4 ) {
         const U32 word = load32( shared + i );
         std::memcpy( text.data() + i, &word, 4 );
@@ -361,6 +361,7 @@ U32 Segments::flags() const noexcept { return load32( &header_->flags ); }
 void Segments::flagsAre( U32 flags ) { Dov::Atomics::storeRelease( &header_->flags, flags ); }
 
 U32 Segments::slotCount() const noexcept {
+    // NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker): asked of what is attached
     return VerU32::load( header_->numSlots ).count; // SYNC( slot-count )
 }
 

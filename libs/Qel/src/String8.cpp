@@ -4,17 +4,11 @@
 
 namespace Qel {
 
-std::ostream& operator<<( std::ostream& os, const String& s ) {
-    return os << s.stdString();
-}
+std::ostream& operator<<( std::ostream& os, const String& s ) { return os << s.stdString(); }
 
-String decimal( U64 v ) {
-    return std::to_string( v );
-}
+String decimal( U64 v ) { return std::to_string( v ); }
 
-String decimalSigned( S64 v ) {
-    return std::to_string( v );
-}
+String decimalSigned( S64 v ) { return std::to_string( v ); }
 
 U32 stringHash( std::string_view s ) noexcept {
     U32 h = 2166136261U; // FNV-1a, then a final mix: the maps use the high bits of the reversal
