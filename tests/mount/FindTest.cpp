@@ -1,6 +1,7 @@
 // Finding mounted entities, and cleaning up, from the files alone: what dead processes left, and
 // trees that nobody of ours made.
 
+#include <algorithm>
 #include <fstream>
 #include <thread>
 
@@ -25,6 +26,18 @@ using QelKrell::KrellEntities;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
+
+// A second type, which shares one of its collections' value types with the first.
+class Tank : public Qel::Entity {
+public:
+    using Qel::Entity::Entity;
+    QelKrell::Collection< &MountBench::Limit::name > limit;
+};
+constexpr auto describe( const Tank* ) {
+    return Qel::entityType< Tank >( "FindTest::Tank",
+                                    QelKrell::collection( "limit", &Tank::limit ) );
+}
+const Qel::Unit< Tank > unit( "find test" );
 
 class FindAndCleanup : public testing::Test {
 protected:
@@ -195,6 +208,99 @@ TEST_F( FindAndCleanup, DirectoriesMayVanishMeanwhile ) {
     remover.join();
     QelKrell::krellEntitiesFactory( "" )->countDelAll();
     EXPECT_THAT( found(), IsEmpty() );
+}
+
+TEST_F( FindAndCleanup, TenThousandCollectionsAreWalked ) {
+    for ( int entity = 0; entity < 100; ++entity ) {
+        const std::string place = top() + "/e" + std::to_string( entity );
+        for ( int collection = 0; collection < 100; ++collection ) {
+            const std::string dir = place + "/c" + std::to_string( collection );
+            std::filesystem::create_directories( dir );
+            std::ofstream( dir + "/slots" ) << "x";
+        }
+    }
+    EXPECT_EQ( found().size(), 100U );
+}
+
+TEST_F( FindAndCleanup, EntitiesOfSeveralTypesAreFoundAndCleaned ) {
+    Child child( [ & ]( const Channel& parent ) {
+        QelKrell::MountInfo tanks( QelKrell::writer );
+        tanks.collectionInfoIs( { "limit", 4 } );
+        for ( int i = 0; i < 150; ++i ) {
+            const std::string number = std::to_string( i );
+            site.mount.doMount( "plants/" + number, MountBench::plantType, asWriter( 4 ) );
+            site.mount.doMount( "tanks/" + number, "FindTest::Tank", tanks );
+        }
+        parent.say( "mounted" );
+        parent.hear();
+    } );
+    ASSERT_EQ( child.hear(), "mounted" );
+    child.kill();
+    EXPECT_EQ( found().size(), 300U );
+    for ( int i = 0; i < 150; ++i ) {
+        site.mount.cleanup( "plants/" + std::to_string( i ) );
+        site.mount.cleanup( "tanks/" + std::to_string( i ) );
+    }
+    for ( const auto& entry : std::filesystem::recursive_directory_iterator( root.path() ) ) {
+        EXPECT_NE( entry.path().filename(), "slots" ) << entry.path();
+    }
+}
+
+// --- What unmounting gives back
+
+std::vector< std::string > openDescriptors() {
+    std::vector< std::string > all;
+    for ( const auto& entry : std::filesystem::directory_iterator( "/proc/self/fd" ) ) {
+        std::error_code gone;
+        all.push_back( std::filesystem::read_symlink( entry.path(), gone ) );
+    }
+    std::sort( all.begin(), all.end() );
+    return all;
+}
+
+std::size_t mappingsBelow( const std::string& path ) {
+    std::ifstream maps( "/proc/self/maps" );
+    std::size_t n = 0;
+    for ( std::string line; std::getline( maps, line ); ) {
+        n += line.find( path ) != std::string::npos;
+    }
+    return n;
+}
+
+TEST_F( FindAndCleanup, AnUnmountedReaderLeavesNothingBehind ) {
+    dieWith( { "a/e" } );
+    const auto mountAndUnmount = [ & ] {
+        site.mount.doMount( "a/e", MountBench::plantType, asReader );
+        EXPECT_EQ( mappingsBelow( root.path() ), 4U ) << "two segments of two collections";
+        site.mount.doUnmount( "a/e" );
+    };
+    mountAndUnmount(); // what the process makes once, like the loop's descriptors, is there now
+    const auto before = openDescriptors();
+    for ( int i = 0; i < 50; ++i ) {
+        mountAndUnmount();
+    }
+    EXPECT_EQ( openDescriptors(), before );
+    EXPECT_EQ( mappingsBelow( root.path() ), 0U );
+}
+
+TEST_F( FindAndCleanup, AnUnmountedWriterLetsTheNextOneIn ) {
+    site.mount.doMount( "a/e", MountBench::plantType, asWriter( 4 ) );
+    const auto tryToWrite = [ & ] {
+        Child child( [ & ]( const Channel& parent ) {
+            site.mount.doUnmountAll(); // the fork's copy, whose lock is the parent's
+            try {
+                site.mount.doMount( "a/e", MountBench::plantType, asWriter( 4 ) );
+                parent.say( "mounted" );
+            } catch ( const QelKrell::DuplicateWriterException& e ) {
+                parent.say( "refused because of " + std::to_string( e.krellDetail() ) );
+            }
+        } );
+        return child.hear();
+    };
+    EXPECT_EQ( tryToWrite(), "refused because of " + std::to_string( getpid() ) );
+    site.mount.doUnmount( "a/e" );
+    EXPECT_EQ( tryToWrite(), "mounted" );
+    EXPECT_EQ( mappingsBelow( root.path() ), 0U );
 }
 
 // --- Cleaning up

@@ -87,6 +87,12 @@ Files filesIn( const std::string& directory ) {
 
 class StepTest : public KillTest {
 protected:
+    void SetUp() override {
+        if ( stride != 1 ) {
+            GTEST_SKIP() << "most instructions would be the sanitizer's";
+        }
+    }
+
     static constexpr const char* place = "sys/Krell/e/c";
 
     // Steps through `change` and checks each state of the files, once.
@@ -153,9 +159,6 @@ TEST_P( StepTest, AnyInstructionMayBeTheLast ) {
 class TakeoverStepTest : public StepTest {};
 
 TEST_P( TakeoverStepTest, AnyInstructionMayBeTheLast ) {
-    if ( stride != 1 ) {
-        GTEST_SKIP() << "most instructions would be the sanitizer's";
-    }
     // The first writer dies half-way through its change.
     ASSERT_TRUE( killedAt(
                      4, [ & ] { prepare(); }, [ & ] { apply(); } )
