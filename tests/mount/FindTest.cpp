@@ -31,10 +31,13 @@ using testing::UnorderedElementsAre;
 class Tank : public Qel::Entity {
 public:
     using Qel::Entity::Entity;
+    Qel::U32 level( Qel::U32 ) const { return 0; }
+    std::vector< Qel::U32 > levels() const { return {}; }
     QelKrell::Collection< &MountBench::Limit::name > limit;
 };
 constexpr auto describe( const Tank* ) {
     return Qel::entityType< Tank >( "FindTest::Tank",
+                                    Qel::indexed( "level", &Tank::level, &Tank::levels ),
                                     QelKrell::collection( "limit", &Tank::limit ) );
 }
 const Qel::Unit< Tank > unit( "find test" );
@@ -58,6 +61,18 @@ protected:
         std::ofstream( place ) << bytes;
     }
     std::string top() const { return root.path() + "/sys/Krell"; }
+    static QelKrell::MountInfo tanks() {
+        QelKrell::MountInfo info( QelKrell::writer );
+        info.collectionInfoIs( { "limit", 4 } );
+        return info;
+    }
+    // A slot table without slots, whose header records that entity type.
+    void slotsOf( const char* below, const std::string& entityType ) {
+        Krell::SlotTable< Krell::EmptyValue >::Header header;
+        entityType.copy( header.entityType, sizeof header.entityType );
+        header.checksum = header.doHash();
+        file( below, std::string( reinterpret_cast< const char* >( &header ), sizeof header ) );
+    }
     // Mounts plants as their writer in another process, which then dies by SIGKILL.
     void dieWith( const std::vector< std::string >& paths ) {
         Child child( [ & ]( const Channel& parent ) {
@@ -176,6 +191,25 @@ TEST_F( FindAndCleanup, ForeignTreesEndInAResult ) {
     EXPECT_THAT( names, testing::Contains( "/sys/Krell/" + deep + "/e" ) );
 }
 
+TEST_F( FindAndCleanup, APathThatIsTooLongIsNamed ) {
+    file( "a/e/reading/slots" );
+    const std::string link = std::string( 200, 'd' );
+    Child child( [ & ]( const Channel& parent ) { // its working directory goes down and down
+        std::filesystem::current_path( top() + "/a" );
+        for ( int i = 0; i < 25; ++i ) {
+            if ( mkdir( link.c_str(), 0700 ) != 0 || chdir( link.c_str() ) != 0 ) {
+                parent.say( "cannot go deeper" );
+                return;
+            }
+        }
+        parent.say( "made" );
+    } );
+    ASSERT_EQ( child.hear(), "made" );
+    child.wait();
+    EXPECT_THAT( raised< Qel::InternalException >( [ & ] { site.mount.find( "" ); } ),
+                 testing::EndsWith( " errno: File name too long" ) );
+}
+
 TEST_F( FindAndCleanup, AnUnreadableDirectoryIsNamed ) {
     if ( geteuid() != 0 ) {
         GTEST_SKIP() << "needs to become another user";
@@ -223,19 +257,19 @@ TEST_F( FindAndCleanup, TenThousandCollectionsAreWalked ) {
 }
 
 TEST_F( FindAndCleanup, EntitiesOfSeveralTypesAreFoundAndCleaned ) {
-    Child child( [ & ]( const Channel& parent ) {
-        QelKrell::MountInfo tanks( QelKrell::writer );
-        tanks.collectionInfoIs( { "limit", 4 } );
-        for ( int i = 0; i < 150; ++i ) {
-            const std::string number = std::to_string( i );
-            site.mount.doMount( "plants/" + number, MountBench::plantType, asWriter( 4 ) );
-            site.mount.doMount( "tanks/" + number, "FindTest::Tank", tanks );
-        }
-        parent.say( "mounted" );
-        parent.hear();
-    } );
-    ASSERT_EQ( child.hear(), "mounted" );
-    child.kill();
+    for ( int process = 0; process < 3; ++process ) {
+        Child child( [ & ]( const Channel& parent ) {
+            for ( int i = process; i < 150; i += 3 ) {
+                const std::string number = std::to_string( i );
+                site.mount.doMount( "plants/" + number, MountBench::plantType, asWriter( 4 ) );
+                site.mount.doMount( "tanks/" + number, "FindTest::Tank", tanks() );
+            }
+            parent.say( "mounted" );
+            parent.hear();
+        } );
+        ASSERT_EQ( child.hear(), "mounted" );
+        child.kill();
+    }
     EXPECT_EQ( found().size(), 300U );
     for ( int i = 0; i < 150; ++i ) {
         site.mount.cleanup( "plants/" + std::to_string( i ) );
@@ -391,6 +425,48 @@ TEST_F( FindAndCleanup, WithoutAReadableTypeNothingIsCleaned ) {
             "3 Mount::cleanup() failed to read entity type from " + top() + "/a/e/short",
             "3 Mount::cleanup() failed to read entity type from " + top() + "/a/e/foreign" ) );
     EXPECT_TRUE( root.has( "sys/Krell/a/e/foreign/slots" ) );
+}
+
+TEST_F( FindAndCleanup, AnEmptyTypeIsPassedOver ) {
+    slotsOf( "a/e/limit/slots", "" );
+    TraceLog log( "KrellMount/3", "KrellMount" );
+    raised< Qel::InternalException >( [ & ] { site.mount.cleanup( "a/e" ); } );
+    EXPECT_THAT( log.take(), ElementsAre( "3 Mount::cleanup() path: a/e",
+                                          "3 Mount::cleanup() found an empty entity type for " +
+                                              top() + "/a/e/limit" ) );
+}
+
+TEST_F( FindAndCleanup, ATypeThatNobodyMakesAborts ) {
+    slotsOf( "a/e/limit/slots", "No::SuchType" );
+    EXPECT_DEATH( site.mount.cleanup( "a/e" ),
+                  "src-includes/QelKrell/KrellMount:449: void "
+                  "QelKrell::Mount::cleanup\\(Qel::String\\) const: Assertion `entity' failed." );
+}
+
+TEST_F( FindAndCleanup, CollectionsThatAreNotSharedAreSkipped ) {
+    site.mount.doMount( "t", "FindTest::Tank", tanks() );
+    site.mount.doUnmount( "t" );
+    TraceLog log( "KrellMount/5", "KrellMount" );
+    site.mount.cleanup( "t" );
+    EXPECT_THAT( log.take(), ElementsAre( "5 Mount::cleanup() found collection level",
+                                          "5 getControl() level is not krelled, skipping",
+                                          "5 Mount::cleanup() found collection limit",
+                                          "5 getControl() found attribute limit" ) );
+    EXPECT_FALSE( root.has( "sys/Krell/t/limit/slots" ) );
+}
+
+TEST_F( FindAndCleanup, TheProbeTracesUnderTheCollectionsName ) {
+    slotsOf( "a/e/limit/slots", "" );
+    TraceLog log( "Krell-*/5", "Krell" );
+    raised< Qel::InternalException >( [ & ] { site.mount.cleanup( "a/e" ); } );
+    const auto& records = log.records();
+    const auto probe = std::find_if( records.begin(), records.end(), []( const auto& r ) {
+        return r.text == "KrellMem::memSize() delegating to Dov::SharedMem";
+    } );
+    ASSERT_NE( probe, records.end() );
+    EXPECT_EQ( probe->source, "/usr/include/Krell/KrellMem" );
+    EXPECT_EQ( probe->line, 133U );
+    EXPECT_EQ( probe->function, "memSize" );
 }
 
 TEST_F( FindAndCleanup, TheTypeOfAnyOneCollectionIsEnough ) {
