@@ -21,6 +21,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Descriptors.h"
+
 namespace {
 
 using Dov::SharedMem;
@@ -483,6 +485,7 @@ int withoutDescriptors( const std::string& directory ) {
 }
 
 TEST_F( SharedMemTest, WithoutDescriptorsTheReasonIsTold ) {
+    SKIP_IF_DESCRIPTORS_ARE_NEEDED();
     EXPECT_EQ( inChild( withoutDescriptors, directory ), 0 );
     EXPECT_FALSE( exists( "slots" ) );
 }

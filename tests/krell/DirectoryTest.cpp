@@ -13,6 +13,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include "Descriptors.h"
 #include "Hooks.h"
 
 namespace {
@@ -414,6 +415,7 @@ TEST_F( DirectoryTest, DirectoriesOnTheWayNeedNotBeReadable ) {
 }
 
 TEST_F( DirectoryTest, DescriptorsThatRanOutAreAMemoryResource ) {
+    SKIP_IF_DESCRIPTORS_ARE_NEEDED();
     const Directory directory = made( "a" );
     const int status = inChild( [ & ] {
         const rlimit limit = { 3, 3 };

@@ -191,7 +191,8 @@ TEST_F( SharedMount, AKilledWritersEntriesAreTakenOver ) {
         const auto at = [ & ]( U32 round ) {
             return loopUntil( [ & ] {
                 const auto r = plant->reading( count - 1 );
-                return r && same( *r, readingOf( count - 1, round ) );
+                // Each collection is attached by a look of its own.
+                return r && same( *r, readingOf( count - 1, round ) ) && plant->limit( "high" );
             } );
         };
         channel.say( at( 1 ) ? "first" : "nothing" );
