@@ -24,9 +24,9 @@ void CollectionCore::close() noexcept {
     }
 }
 
-void CollectionCore::timeout() {
+void CollectionCore::turn() {
     const Qel::Ptr< CollectionCore > self( this );
-    Krell::Control::timeout();
+    Krell::Control::turn();
 }
 
 std::string CollectionCore::collectionPath() const {

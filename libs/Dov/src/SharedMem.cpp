@@ -107,6 +107,9 @@ bool SharedMem::resize( std::size_t newSize ) {
     if ( mode_ == readOnly ) {
         return failed( "resize", EBADF, "is attached for reading only" );
     }
+    if ( newSize > size_ && fd_ < 0 ) {
+        return failed( "resize", EBADF, "has its final size" );
+    }
     return newSize <= size_ || ( allocate( size_, newSize ) && extend( newSize ) );
 }
 

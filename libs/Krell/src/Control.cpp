@@ -32,8 +32,7 @@ U32 lowWord( const void* address ) { return U32( reinterpret_cast< std::uintptr_
 
 } // namespace
 
-Control::Control( const Layout& layout )
-    : layout_( layout ), debug_( debugHandler() ), key_( layout.keyWords() ) {}
+Control::Control( const Layout& layout ) : layout_( layout ), debug_( debugHandler() ) {}
 
 Control::~Control() { close(); }
 
@@ -44,9 +43,9 @@ Control::Role Control::roleOf( QelKrell::QelKrellType type ) {
     case QelKrell::reader:
         return Role::reader;
     case QelKrell::shadow:
-        throw UnimplementedException( "the role 'shadow' is not available yet" );
+        return Role::shadow;
     case QelKrell::keyshadow:
-        throw UnimplementedException( "the role 'keyshadow' is not available yet" );
+        return Role::keyshadow;
     }
     throw InvalidInitializeException( "there is no role " + std::to_string( int( type ) ) );
 }
@@ -75,12 +74,15 @@ void Control::open( Role role, bool isLocal, U32 size ) {
     replacements_ = 0;
     role_ = role;
     local_ = isLocal;
+    if ( follows() ) {
+        makeFollower();
+    }
     if ( isLocal ) {
         openLocal( size );
     } else if ( role == Role::writer ) {
         openForWriting( size );
     } else {
-        openForReading();
+        openForFollowing();
     }
 }
 
@@ -102,47 +104,71 @@ void Control::openForWriting( U32 size ) {
         writer_->reserve( size );
     }
     lock_.writeOwner();
+    doorbell_ = std::make_unique< Doorbell >( debug_ );
+    doorbell_->open( directory_ );
+    writer_->doorbellIs( doorbell_.get() );
     trace( debug_, 3, "Control::init() writer of ", path_, " fenix:", incarnation_.fenix(),
            incarnation_.isNew() ? " new: " : " taken over", incarnation_.reason() );
 }
 
-void Control::openForReading() {
-    timer_.reset( Platform::getTimerControl( this ) );
+void Control::openForFollowing() {
     const bool attached = tryAttach();
-    trace( debug_, 3, "Control::init() reader of ", path_,
-           attached ? " attached" : " not attached yet" );
-    arm();
+    trace( debug_, 3, "Control::init() ",
+           ( role_ == Role::shadow      ? "shadow"
+             : role_ == Role::keyshadow ? "keyshadow"
+                                        : "reader" ),
+           " of ", path_, attached ? " attached" : " not attached yet" );
+    timer_->setTimeout( pollTime_ );
     if ( attached ) {
         handleAttached();
     }
 }
 
+void Control::makeFollower() {
+    using Depth = Follower::Depth;
+    const Depth depth = role_ == Role::shadow      ? Depth::values
+                        : role_ == Role::keyshadow ? Depth::keys
+                                                   : Depth::slots;
+    follower_.reset( new Follower( layout_, depth, table_, *this ) );
+    caller_.reset( new DoorbellCaller( debug_, *this ) );
+    watch_.reset( new DirectoryWatch( debug_, *this ) );
+    timer_.reset( Platform::getTimerControl( this ) );
+}
+
 void Control::adopt( Incarnation incarnation ) {
     incarnation_ = std::move( incarnation );
     table_.segmentsAre( incarnation_.segments() );
-    seen_ = 0;
-    cursor_ = 0;
+    if ( follower_ ) {
+        follower_->segmentsAre( incarnation_.segments() );
+    }
     quietRounds_ = 0;
     ++attachments_;
 }
 
 void Control::detach() { close(); }
 
-// In a process forked from the writer's, the collection and its lock are still the parent's.
+// In a process forked from the writer's, the collection and its lock are still the parent's. Nobody
+// may find the doorbell of a writer that is gone; those who hear its connections end find the lock
+// free.
 void Control::close() noexcept {
     if ( incarnation_.exists() && lock_.held() ) {
         Segments& segments = *incarnation_.segments();
         segments.flagsAre( segments.flags() & ~Segments::inUse_ );
     }
     writer_.reset();
-    table_.segmentsAre( nullptr );
-    incarnation_ = Incarnation();
-    lock_.unlock();
-    directory_.reset();
     if ( timer_ ) {
+        caller_->hangUp();
+        watch_->stop();
         timer_->delTimeout();
     }
+    follower_.reset();
+    table_.segmentsAre( nullptr );
+    incarnation_ = Incarnation();
+    doorbell_.reset();
+    lock_.unlock();
+    directory_.reset();
     role_ = Role::none;
+    nobodyListens_ = true;
     lastFailure_.clear();
     ++attachments_;
 }
@@ -187,7 +213,12 @@ bool Control::validate() {
     return false;
 }
 
-int Control::mountStatus() { return incarnation_.exists() ? QelKrell::attached : QelKrell::none; }
+int Control::mountStatus() {
+    if ( !incarnation_.exists() ) {
+        return QelKrell::none;
+    }
+    return connected() ? QelKrell::connected : QelKrell::attached;
+}
 
 U64 Control::sequence() { return table_.sequence(); }
 
@@ -218,18 +249,33 @@ WriterTable& Control::writer() {
 }
 
 QelKrell::ReaderCounters Control::readerCounters() {
-    if ( role_ != Role::reader ) {
+    if ( !follows() ) {
         throw UnimplementedException( krellName() +
                                       " is not open for reading: it keeps no reader counters" );
     }
+    const Follower::Counts counts = follower_->counts();
+    const ShadowTable* const copy = follower_->shadow();
     QelKrell::ReaderCounters counters;
     counters.occupiedSlots = table_.occupied();
     counters.usedLookaside = table_.usedLookaside();
+    counters.slotShadowResizes = copy ? copy->resizes() : 0;
     counters.slotResizes = table_.slotResizes() + replacements_;
     counters.chainRestarts = table_.chainRestarts();
     counters.slotBaseAddress =
         incarnation_.exists() ? lowWord( &incarnation_.segments()->header() ) : 0;
-    counters.conquerSequence = table_.sequence();
+    counters.conquerRestarts = counts.queue.restarts;
+    counters.conquerProbes = counts.queue.probes;
+    counters.conquerEmpty = counts.empty;
+    counters.conquerEnd = counts.ends;
+    counters.conquerKicks = caller_->kicks();
+    counters.conquerTombed = counts.queue.tombed;
+    counters.conquerNotified = counts.notified;
+    counters.conquerYields = counts.yields;
+    counters.conquerConnections = caller_->connectionsMade();
+    counters.conquerSequence = follower_->sequence();
+    counters.conquerResizes = counts.queue.resizes;
+    counters.conquerBaseAddress = lowWord( follower_->queueAddress() );
+    counters.keyShadowMismatch = copy ? copy->mismatches() : 0;
     return counters;
 }
 
@@ -238,12 +284,20 @@ QelKrell::WriterCounters Control::writerCounters() {
         throw UnimplementedException( krellName() +
                                       " is not open for writing: it keeps no writer counters" );
     }
+    const auto address = []( const void* at ) { return reinterpret_cast< std::uintptr_t >( at ); };
     QelKrell::WriterCounters counters;
     counters.slotAllocs = writer_->slotAllocs();
     counters.slotDeallocs = writer_->slotDeallocs();
-    counters.slotBaseAddress =
-        reinterpret_cast< std::uintptr_t >( &incarnation_.segments()->header() );
+    counters.slotBaseAddress = address( &incarnation_.segments()->header() );
+    if ( const QueueWriter* const queue = writer_->queue() ) {
+        counters.conquerTombstones = queue->tombstones();
+        counters.conquerNotifications = queue->notifications();
+        counters.conquerCompactions = queue->compactions();
+        counters.conquerResizes = queue->resizes();
+        counters.conquerBaseAddress = address( queue->address() );
+    }
     counters.conquerSequence = table_.sequence();
+    counters.kicksIssued = doorbell_ ? doorbell_->kicksIssued() : 0;
     counters.directWrite = writer_->updates();
     counters.directCommit = writer_->inserts();
     return counters;

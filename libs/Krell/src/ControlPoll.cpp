@@ -10,11 +10,15 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Slots that are looked at between two looks at the clock.
-constexpr U32 batch = 256;
 // Rounds between two looks at the stamp's file, for the case that a writer died after it had
 // replaced the stamp, and before it set the flag in the old segments.
 constexpr U32 stampRounds = 50;
+// A round that only makes sure that nothing was missed comes after so many times the polling time.
+constexpr double slow = 25;
+
+double secondsSince( Clock::time_point start ) {
+    return std::chrono::duration< double >( Clock::now() - start ).count();
+}
 
 } // namespace
 
@@ -23,7 +27,9 @@ bool Control::pollTimeIs( double seconds ) {
         return false;
     }
     pollTime_ = seconds;
-    arm();
+    if ( follows() && !local_ ) {
+        timer_->setTimeout( pollTime_ );
+    }
     return true;
 }
 
@@ -35,25 +41,23 @@ bool Control::yieldTimeIs( const double& seconds ) {
     return true;
 }
 
-void Control::notifying( bool on ) { notifying_ = on; }
-
-void Control::arm() {
-    if ( role_ == Role::reader && !local_ ) {
-        timer_->setTimeout( pollTime_ );
+// What changed meanwhile is notified in the next turn.
+void Control::notifying( bool on ) {
+    notifying_ = on;
+    if ( on && follows() && !local_ ) {
+        timer_->setTimeout( 0 );
     }
-}
-
-void Control::timeout() {
-    poll();
-    arm();
 }
 
 void Control::poll() {
-    if ( role_ != Role::reader || local_ ) {
+    if ( !follows() || local_ || inRound_ ) {
         return;
     }
+    const std::shared_ptr< Follower > kept = follower_; // a callback may close the collection
+    bool more = false;
+    inRound_ = true;
     try {
-        round();
+        more = round();
         lastFailure_.clear();
     } catch ( const CorruptionDetectedException& e ) {
         if ( directory_ ) {
@@ -62,6 +66,13 @@ void Control::poll() {
         failed( e );
     } catch ( const Exception& e ) {
         failed( e );
+    } catch ( ... ) {
+        inRound_ = false;
+        throw;
+    }
+    inRound_ = false;
+    if ( follows() && !local_ ) {
+        waitFor( more );
     }
 }
 
@@ -73,7 +84,11 @@ void Control::failed( const Exception& e ) {
     }
 }
 
-void Control::round() {
+// Whether there is more to do at once.
+bool Control::round() {
+    if ( watch_->started() ) {
+        watch_->look();
+    }
     if ( !incarnation_.exists() ) {
         if ( tryAttach() ) {
             handleAttached();
@@ -81,9 +96,14 @@ void Control::round() {
     } else if ( isReplaced() ) {
         replace();
     }
-    if ( incarnation_.exists() && notifying_ ) {
-        walk();
+    if ( !follows() ) {
+        return false;
     }
+    if ( !incarnation_.exists() ) {
+        return notifying_ && follower_->round( yieldTime_ ) == QueueReader::Drain::stopped;
+    }
+    callWriter();
+    return notifying_ && follow();
 }
 
 bool Control::tryAttach() {
@@ -104,7 +124,7 @@ bool Control::isReplaced() {
     if ( incarnation_.superseded() ) {
         return true;
     }
-    if ( ++quietRounds_ < stampRounds ) {
+    if ( !nobodyListens_ && ++quietRounds_ < stampRounds ) {
         return false;
     }
     quietRounds_ = 0;
@@ -116,6 +136,8 @@ void Control::replace() {
     const std::shared_ptr< const Directory > oldDirectory = std::move( directory_ );
     const Incarnation old = std::move( incarnation_ );
     adopt( Incarnation() );
+    caller_->hangUp();
+    nobodyListens_ = true;
     std::exception_ptr failure;
     try {
         tryAttach();
@@ -128,8 +150,8 @@ void Control::replace() {
         handleAttached();
     }
     ReaderTable oldTable( old.segments() );
-    if ( notifying_ && attachment == attachments_ ) {
-        notifyVanished( oldTable );
+    if ( role_ == Role::reader && notifying_ && attachment == attachments_ ) {
+        notifyVanished( oldTable ); // the other roles know by themselves what they had
     }
     if ( failure ) {
         std::rethrow_exception( failure );
@@ -139,10 +161,11 @@ void Control::replace() {
 // Old contents that are not sound are no reason to miss the new ones.
 void Control::notifyVanished( ReaderTable& old ) {
     const U32 attachment = attachments_;
+    std::vector< U64 > key( layout_.keyWords() );
     try {
         for ( U32 index = 0; index < old.slotCount() && attachment == attachments_; ++index ) {
-            if ( old.look( index, key_.data() ).isOccupied() && !table_.contains( key_.data() ) ) {
-                handleChanged( key_.data(), false );
+            if ( old.look( index, key.data() ).isOccupied() && !table_.contains( key.data() ) ) {
+                handleChanged( key.data(), false );
             }
         }
     } catch ( const CorruptionDetectedException& e ) {
@@ -152,36 +175,91 @@ void Control::notifyVanished( ReaderTable& old ) {
     }
 }
 
-// Looks at every slot once, in as many rounds as the yield time makes of it. What changes meanwhile
-// is newer than the target and found by the next walk, if not by this one.
-void Control::walk() {
-    if ( cursor_ == 0 ) {
-        target_ = table_.sequence();
-        if ( target_ == seen_ ) {
-            return;
+// A process that may not call its writer polls.
+void Control::callWriter() {
+    if ( caller_->state() != DoorbellCaller::State::idle ) {
+        return;
+    }
+    nobodyListens_ = false;
+    try {
+        nobodyListens_ = !caller_->call( *directory_ );
+        lastCallFailure_.clear();
+    } catch ( const Exception& e ) {
+        if ( e.msg() != lastCallFailure_ ) {
+            lastCallFailure_ = e.msg();
+            handleFailed( e );
         }
     }
+}
+
+bool Control::connected() const noexcept {
+    return caller_ && caller_->state() == DoorbellCaller::State::connected;
+}
+
+// Drains the queue; connected, until it can sleep or its time is over. Whether there is more.
+bool Control::follow() {
     const auto start = Clock::now();
-    const U32 attachment = attachments_;
-    for ( U32 looked = 0; cursor_ < table_.slotCount(); ) {
-        const U32 index = cursor_++;
-        const SlotVersion version = table_.look( index, key_.data() );
-        const bool readable =
-            version.isOccupied() || ( version.state() == SlotVersion::dead && !version.writing() );
-        // A reader that has just attached knows of no key that could be deleted.
-        if ( readable && version.sequence() > seen_ && ( version.isOccupied() || seen_ != 0 ) ) {
-            handleChanged( key_.data(), version.isOccupied() );
-            if ( attachment != attachments_ ) {
-                return;
-            }
+    for ( ;; ) {
+        const U32 attachment = attachments_;
+        const QueueReader::Drain drain = follower_->round( yieldTime_ );
+        if ( attachment != attachments_ ) {
+            return false;
         }
-        if ( ++looked % batch == 0 &&
-             std::chrono::duration< double >( Clock::now() - start ).count() >= yieldTime_ ) {
-            return;
+        caller_->consumedIs( follower_->sequence() );
+        if ( drain == QueueReader::Drain::stopped ) {
+            return true;
+        }
+        if ( drain == QueueReader::Drain::absent || !connected() || !somethingCame() ) {
+            return false;
+        }
+        if ( secondsSince( start ) >= yieldTime_ ) {
+            return true;
         }
     }
-    seen_ = target_;
-    cursor_ = 0;
+}
+
+// Looks a little longer before it goes to sleep. False: the writer's next change wakes it.
+bool Control::somethingCame() {
+    const auto start = Clock::now();
+    while ( sample_ > 0 && secondsSince( start ) * 1e6 < sample_ ) {
+        if ( follower_->isPending() ) {
+            return true;
+        }
+        __builtin_ia32_pause();
+    }
+    caller_->arm();
+    if ( !follower_->isPending() ) {
+        return false;
+    }
+    caller_->disarm();
+    return true;
+}
+
+// What the next round comes with.
+void Control::waitFor( bool more ) {
+    const bool nobody = nobodyListens_ || !incarnation_.exists();
+    if ( !nobody ) {
+        watch_->stop();
+    }
+    if ( more ) {
+        timer_->setTimeout( 0 );
+    } else if ( connected() && lastFailure_.empty() ) {
+        timer_->delTimeout();
+    } else if ( !nobody || !lastFailure_.empty() ) {
+        timer_->setTimeout( pollTime_ );
+    } else if ( watch_->started() ) {
+        timer_->setTimeout( watch_->watching() ? slow * pollTime_ : pollTime_ );
+    } else {
+        watch_->start( path_ );
+        timer_->setTimeout( 0 ); // it may have come before
+    }
+}
+
+// False when the callback closed what it was called for.
+bool Control::handleKey( const U64* key, bool present ) {
+    const U32 attachment = attachments_;
+    handleChanged( key, present );
+    return attachment == attachments_;
 }
 
 void Control::handleChanged( const U64*, bool ) {}

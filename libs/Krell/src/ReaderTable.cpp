@@ -72,6 +72,33 @@ bool ReaderTable::contains( const U64* key ) {
     } );
 }
 
+bool ReaderTable::copySlot( U32 index, U64* key, U64* value, U64& version ) {
+    if ( !segments_ || ( index >= segments_->slotsMapped() && index >= slotCount() ) ) {
+        return false;
+    }
+    const Layout& layout = segments_->layout();
+    for ( U32 patience = patience_;; startOver( patience ) ) {
+        const SlotHead* const slot = segments_->slot( index );
+        const SlotVersion seen = versionOf( slot );
+        if ( !seen.isOccupied() ) {
+            return false;
+        }
+        loadWords( key, payloadOf( slot ), layout.keyWords() );
+        if ( seen.writing() ) {
+            if ( readLookaside( index, seen, value ) ) {
+                version = seen.word();
+                return true;
+            }
+        } else {
+            loadWords( value, payloadOf( slot ) + layout.keyWords(), layout.valueWords() );
+            if ( versionOf( slot ) == seen ) {
+                version = seen.word();
+                return true;
+            }
+        }
+    }
+}
+
 SlotVersion ReaderTable::look( U32 index, U64* key ) {
     if ( !segments_ || ( index >= segments_->slotsMapped() && index >= slotCount() ) ) {
         return SlotVersion( 0 );

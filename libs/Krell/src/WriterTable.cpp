@@ -1,6 +1,7 @@
 #include <Krell/WriterTable>
 
 #include <algorithm>
+#include <new>
 
 #include <pthread.h>
 
@@ -29,6 +30,7 @@ constexpr U32 reuseDelay( U32 slots ) { return std::max( U32( 1 ), slots / 16 );
 
 WriterTable::WriterTable( Segments& segments )
     : segments_( segments ),
+      queue_( segments.local() ? nullptr : std::make_unique< QueueWriter >( segments ) ),
       array_( BucketArray::inUse( segments ) ),
       count_( segments.slotCount() ),
       occupied_( segments.header().occupiedSlots ),
@@ -46,6 +48,8 @@ void WriterTable::insert( U32 hash, const U64* key, const U64* value ) {
     const U32 index = takeSlot();
     KRELL_CRASH_POINT( "insert: slot taken" );
     SlotHead* const slot = segments_.slot( index );
+    const bool hasEntry = SlotVersion( loadRelaxed( &slot->version ) ).sequence() != 0;
+    unmark( index );
     fill( slot, hash, key, value );
     KRELL_CRASH_POINT( "insert: slot filled" );
     array_.put( place, hash, index );
@@ -58,7 +62,7 @@ void WriterTable::insert( U32 hash, const U64* key, const U64* value ) {
     ++inserts_;
     headerChanged();
     KRELL_CRASH_POINT( "insert: header stored" );
-    changed( version.sequence() );
+    changed( index, version.sequence(), hasEntry );
 }
 
 // Whoever reaches the slot meanwhile finds it not occupied.
@@ -86,7 +90,7 @@ void WriterTable::remove( const BucketArray::Place& place ) {
     KRELL_CRASH_POINT( "delete: slot retired" );
     headerChanged();
     KRELL_CRASH_POINT( "delete: header stored" );
-    changed( dead.sequence() );
+    changed( place.slot, dead.sequence() );
 }
 
 BucketArray::Place WriterTable::roomFor( U32 hash ) {
@@ -159,6 +163,9 @@ bool WriterTable::grow() {
 
 // Readers map the file anew when they meet an index beyond what they have mapped.
 void WriterTable::growTo( U32 slots ) {
+    if ( queue_ ) {
+        queue_->reserve( slots );
+    }
     KRELL_CRASH_POINT( "slots: before they are allocated" );
     segments_.growSlots( slots );
     KRELL_CRASH_POINT( "slots: allocated" );
@@ -171,6 +178,19 @@ void WriterTable::growTo( U32 slots ) {
     }
     headerChanged();
     KRELL_CRASH_POINT( "slots: header stored" );
+}
+
+void WriterTable::mark() {
+    refuseForked();
+    try {
+        std::vector< bool > marked( count_ );
+        for ( U32 index = 0; index < count_; ++index ) {
+            marked[ index ] = versionOf( segments_.slot( index ) ).isOccupied();
+        }
+        marked_ = std::move( marked );
+    } catch ( const std::bad_alloc& ) {
+        throw MemoryResourceException( "no memory to mark the entries of " + segments_.place() );
+    }
 }
 
 bool WriterTable::slotAtHand() const noexcept {

@@ -44,14 +44,16 @@ protected:
     std::vector< std::string > files() const {
         std::vector< std::string > names;
         for ( const auto& entry : std::filesystem::directory_iterator( root / "sys/Krell/e/c" ) ) {
-            names.push_back( entry.path().filename() );
+            const std::string name = entry.path().filename();
+            names.push_back( name.starts_with( "conquer." ) ? "conquer" : name );
         }
         std::sort( names.begin(), names.end() );
         return names;
     }
 
     const Krell::Layout layout = layoutOf( 1, 2 );
-    const std::vector< std::string > wholeSet { "buckets", "fenix", "last-owner", "slots" };
+    const std::vector< std::string > wholeSet { "buckets", "conquer",    "doorbell",
+                                                "fenix",   "last-owner", "slots" };
     const std::map< U64, bool > allDeleted {
         { 1, false }, { 2, false }, { 3, false }, { 4, false }
     };

@@ -61,6 +61,23 @@ const std::vector< Change > changes {
     // One primary bucket and the four overflow buckets of the smallest array are full.
     { "InsertThatLengthensTheChains", 256, []( Both& b ) { fillColliding( b, 60 ); },
       []( Both& b ) { b.put( collidingKey( 99 ), 77 ); } },
+    // The change queue has 64 places, of which 56 are in use: live entries at its tail are moved.
+    { "UpdateThatMovesEntries", 30,
+      []( Both& b ) {
+          fill( b, 30 );
+          for ( U64 n = 0; n < 26; ++n ) {
+              b.put( key( 29 ), 1000 + n );
+          }
+      },
+      []( Both& b ) { b.put( key( 28 ), 77 ); } },
+    { "DeleteThatMovesEntries", 30,
+      []( Both& b ) {
+          fill( b, 30 );
+          for ( U64 n = 0; n < 130; ++n ) {
+              b.put( key( n % 2 ), 1000 + n );
+          }
+      },
+      []( Both& b ) { b.del( key( 28 ) ); } },
     { "Growth", 4, []( Both& b ) { fill( b, 4 ); }, []( Both& b ) { b.grow(); } },
 };
 

@@ -103,6 +103,21 @@ protected:
         return listed;
     }
 
+    // What a shadow keeps for itself.
+    static Contents viewOf( TestCollection& shadow ) {
+        Contents contents;
+        const U64* k = nullptr;
+        const U64* v = nullptr;
+        for ( U32 i = 0; i < shadow.view()->capacityUsed(); ++i ) {
+            if ( shadow.view()->entryAt( i, k, v ) ) {
+                Value value;
+                std::copy( v, v + valueWords, value.begin() );
+                contents[ Key { k[ 0 ], k[ 1 ] } ] = value;
+            }
+        }
+        return contents;
+    }
+
     // After a kill: takes over and checks; `seen` is what a reader saw before that.
     void takeOverAndCheck( const Contents& seen ) {
         TestCollection next( layout );

@@ -73,6 +73,45 @@ TEST_P( KillTest, ReadersAreNotBlockedByAStoppedWriter ) {
     }
 }
 
+// One that came after the kill, and one that the recovery's own death disturbs in its midst.
+TEST_P( KillTest, FollowersEndWithWhatTheNextWriterHas ) {
+    unsigned kills = 0;
+    for ( unsigned n = 1;; n += stride ) {
+        TestRoot root;
+        if ( !killedAt(
+                  n, [ & ] { prepare(); }, [ & ] { apply(); } )
+                  .died ) {
+            break;
+        }
+        TestCollection shadow( layout );
+        shadow.init( QelKrell::shadow, false, 0 );
+        shadow.poll();
+        // The change in flight need not be in the queue yet.
+        ASSERT_TRUE( viewOf( shadow ) == before || viewOf( shadow ) == after );
+        for ( unsigned m = 1;; m += 3 ) {
+            SCOPED_TRACE( "kill " + std::to_string( n ) + ", then " + std::to_string( m ) );
+            const bool died = killedAt(
+                                  m, [] {}, [ & ] { TestCollection( layout ).asWriter(); } )
+                                  .died;
+            ++kills;
+            shadow.poll();
+            ASSERT_TRUE( viewOf( shadow ) == before || viewOf( shadow ) == after );
+            if ( !died ) {
+                break;
+            }
+        }
+        TestCollection next( layout );
+        next.asWriter();
+        shadow.poll();
+        ASSERT_TRUE( viewOf( shadow ) == listedBy( next ) );
+        goOn( next );
+        shadow.poll();
+        ASSERT_TRUE( viewOf( shadow ) == listedBy( next ) );
+        ASSERT_EQ( shadow.failures, std::vector< std::string >() );
+    }
+    ASSERT_GE( kills, 2U );
+}
+
 // Kills at every place of the change, and each time at every place of the recovery after it.
 TEST_P( KillTest, ARecoveryThatIsKilledIsFollowedByAnother ) {
     unsigned kills = 0;

@@ -80,7 +80,9 @@ using Files = std::map< std::string, std::string >;
 Files filesIn( const std::string& directory ) {
     Files files;
     for ( const auto& entry : std::filesystem::directory_iterator( directory ) ) {
-        files[ entry.path().filename() ] = bytesOf( entry.path() );
+        if ( entry.is_regular_file() ) { // a dead writer's socket means nothing
+            files[ entry.path().filename() ] = bytesOf( entry.path() );
+        }
     }
     return files;
 }

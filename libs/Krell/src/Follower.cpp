@@ -1,0 +1,130 @@
+#include <Krell/Follower>
+
+#include <chrono>
+
+namespace Krell {
+
+// Looks at the clock now and then.
+class Follower::Deadline {
+public:
+    explicit Deadline( double seconds )
+        : end_( Clock::now() +
+                std::chrono::duration_cast< Clock::duration >(
+                    std::chrono::duration< double >( std::min( seconds, most ) ) ) ) {}
+    bool isOver() { return ++asked_ % interval == 0 && Clock::now() >= end_; }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    static constexpr double most = 1e6;
+    static constexpr unsigned interval = 8;
+
+    Clock::time_point end_;
+    unsigned asked_ = 0;
+};
+
+Follower::Follower( const Layout& layout, Depth depth, ReaderTable& table, Handler& handler )
+    : table_( table ),
+      handler_( handler ),
+      depth_( depth ),
+      key_( layout.keyWords() ),
+      value_( std::max( 1u, layout.valueWords() ) ) {
+    if ( depth != Depth::slots ) {
+        shadow_ = std::make_unique< ShadowTable >(
+            layout.keyWords(), depth == Depth::values ? layout.valueWords() : 0 );
+    }
+}
+
+void Follower::segmentsAre( Segments* segments ) {
+    former_ = counts().queue;
+    queue_ = segments ? std::make_unique< QueueReader >( *segments, table_ ) : nullptr;
+    newcomer_ = true;
+    if ( shadow_ ) {
+        shadow_->allVacated();
+    }
+}
+
+Follower::Counts Follower::counts() const noexcept {
+    Counts counts = counts_;
+    counts.queue = former_;
+    if ( queue_ ) {
+        const QueueReader::Counts& now = queue_->counts();
+        counts.queue.restarts += now.restarts;
+        counts.queue.probes += now.probes;
+        counts.queue.tombed += now.tombed;
+        counts.queue.resizes += now.resizes;
+    }
+    return counts;
+}
+
+QueueReader::Drain Follower::round( double seconds ) {
+    using Drain = QueueReader::Drain;
+    Deadline deadline( seconds );
+    ended_ = false;
+    if ( !queue_ ) { // the collection was taken away
+        return shadow_ && !shadow_->settled() && !settle( deadline ) ? Drain::stopped
+                                                                     : Drain::absent;
+    }
+    Drain drain = queue_->drain(
+        [ & ]( U32 slot ) { return slotChanged( slot ) && !ended_ && !deadline.isOver(); } );
+    if ( !ended_ && ( drain == Drain::end || drain == Drain::empty ) ) {
+        counts_.empty += drain == Drain::empty;
+        counts_.ends += drain == Drain::end;
+        newcomer_ = false;
+        unsettled_ = shadow_ && !shadow_->settled();
+        if ( unsettled_ && !settle( deadline ) ) {
+            drain = Drain::stopped;
+        }
+    }
+    if ( drain == Drain::stopped && !ended_ ) {
+        ++counts_.yields;
+    }
+    return drain;
+}
+
+bool Follower::slotChanged( U32 slot ) {
+    if ( depth_ != Depth::slots ) {
+        return slotRead( slot );
+    }
+    const SlotVersion version = table_.look( slot, key_.data() );
+    if ( version.isOccupied() ) {
+        return name( key_.data(), true );
+    }
+    // A key that stands in another slot by now is named with that one.
+    const bool named = version.state() == SlotVersion::dead && !version.writing() && !newcomer_ &&
+                       !table_.contains( key_.data() );
+    return !named || name( key_.data(), false );
+}
+
+bool Follower::slotRead( U32 slot ) {
+    bool occupied;
+    if ( depth_ == Depth::values ) {
+        U64 version = 0;
+        occupied = table_.copySlot( slot, key_.data(), value_.data(), version );
+    } else {
+        occupied = table_.look( slot, key_.data() ).isOccupied();
+    }
+    if ( occupied ) {
+        shadow_->occupied( slot, key_.data(), value_.data() );
+        return name( key_.data(), true );
+    }
+    shadow_->vacated( slot );
+    return true;
+}
+
+// False when the time was over, or the round was ended, before all were named.
+bool Follower::settle( Deadline& deadline ) {
+    shadow_->settle( [ & ]( const U64* key ) {
+        key_.assign( key, key + key_.size() );
+        return name( key_.data(), false ) && !deadline.isOver();
+    } );
+    unsettled_ = !ended_ && !shadow_->settled();
+    return !ended_ && !unsettled_;
+}
+
+bool Follower::name( const U64* key, bool present ) {
+    ++counts_.notified;
+    ended_ = !handler_.handleKey( key, present );
+    return !ended_;
+}
+
+} // namespace Krell
