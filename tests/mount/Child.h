@@ -27,19 +27,22 @@ public:
         const std::string text = line + "\n";
         EXPECT_EQ( send( fd_, text.data(), text.size(), MSG_NOSIGNAL ), ssize_t( text.size() ) );
     }
+    // Whether something was said, or the other end is gone.
+    bool hasSaid() const { return ready( 0 ); }
     std::string hear() const {
         std::string line;
-        for ( char c = 0; ready() && read( fd_, &c, 1 ) == 1 && c != '\n'; ) {
+        for ( char c = 0; ready( minute ) && read( fd_, &c, 1 ) == 1 && c != '\n'; ) {
             line += c;
         }
         return line;
     }
 
 private:
-    bool ready() const {
+    static constexpr int minute = 60000;
+
+    bool ready( int milliseconds ) const {
         pollfd p { fd_, POLLIN, 0 };
-        constexpr int minute = 60000;
-        return poll( &p, 1, minute ) == 1;
+        return poll( &p, 1, milliseconds ) == 1;
     }
 
     int fd_;

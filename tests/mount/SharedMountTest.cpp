@@ -238,20 +238,6 @@ TEST_F( SharedMount, CleanUpStartsAnew ) {
     holds( plant, 3 );
 }
 
-TEST_F( SharedMount, RolesThatAreNotThereYetSaySo ) {
-    Site site( false );
-    site.mount.handleInitialized();
-    for ( const auto& [ mode, name ] : { std::pair( QelKrell::shadow, "shadow" ),
-                                         std::pair( QelKrell::keyshadow, "keyshadow" ) } ) {
-        EXPECT_EQ( raised< QelKrell::UnimplementedException >( [ &, mode = mode ] {
-                       site.mount.doMount( path, plantType, MountInfo( mode ) );
-                   } ),
-                   "the role '" + std::string( name ) + "' is not available yet" );
-    }
-    EXPECT_EQ( root.entries(), 0u );
-    EXPECT_TRUE( site.mount.doMount( path, plantType, asReader ) );
-}
-
 TEST_F( SharedMount, ANumberThatIsNoRoleOpensNothing ) {
     Site site( false );
     site.mount.handleInitialized();
