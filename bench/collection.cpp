@@ -3,67 +3,10 @@
 
 #include <benchmark/benchmark.h>
 
-#include <QelKrell/Collection>
-
-#include "bench/ScratchRoot.h"
+#include "bench/Store.h"
 
 namespace Bench {
-
-struct Entry {
-    std::array< Qel::U64, 2 > key {};
-    std::array< Qel::U64, 6 > value {};
-};
-constexpr auto describe( const Entry* ) {
-    return Qel::valueType< Entry >( "Bench::Entry", Qel::attribute( "key", &Entry::key ),
-                                    Qel::attribute( "value", &Entry::value ) );
-}
-
-class Store : public Qel::Entity {
-public:
-    using Qel::Entity::Entity;
-    QelKrell::Collection< &Entry::key > entry;
-};
-constexpr auto describe( const Store* ) {
-    return Qel::entityType< Store >( "Bench::Store",
-                                     QelKrell::collection( "entry", &Store::entry ) );
-}
-
-const Qel::Unit< Entry, Store > unit( "bench store" );
-
-Qel::U64 mixed( Qel::U64 i ) {
-    i = ( i ^ ( i >> 30 ) ) * 0xbf58476d1ce4e5b9u;
-    i = ( i ^ ( i >> 27 ) ) * 0x94d049bb133111ebu;
-    return i ^ ( i >> 31 );
-}
-
-Entry entryOf( Qel::U64 i, Qel::U64 salt = 0 ) {
-    Entry e;
-    e.key = { mixed( i ), i };
-    e.value = { i, salt, i + salt, i ^ salt, ~i, ~salt };
-    return e;
-}
-
-using StorePtr = Qel::Ptr< Store >;
-
-StorePtr open( QelKrell::QelKrellType mode, Qel::U32 size ) {
-    StorePtr store = Qel::newEntity< Store >( "store" );
-    store->entry.control().init( mode, false, size );
-    return store;
-}
-
-// A filled collection, its writer and a reader of it; new files every time.
-struct Filled {
-    ScratchRoot root;
-    StorePtr writer;
-    StorePtr reader;
-
-    explicit Filled( Qel::U64 n ) : writer( open( QelKrell::writer, Qel::U32( n ) ) ) {
-        for ( Qel::U64 i = 0; i < n; ++i ) {
-            writer->entry.is( entryOf( i ) );
-        }
-        reader = open( QelKrell::reader, 0 );
-    }
-};
+namespace {
 
 void findHit( benchmark::State& state ) {
     const auto n = Qel::U64( state.range( 0 ) );
@@ -90,6 +33,29 @@ void findMiss( benchmark::State& state ) {
         found += filled.reader->entry.find( entryOf( n + ( at >> 33 ) ).key, e );
     }
     state.counters[ "found" ] = double( found );
+}
+
+void findMany( benchmark::State& state ) {
+    const auto n = Qel::U64( state.range( 0 ) );
+    const Filled filled( n );
+    constexpr std::size_t batch = 32;
+    std::vector< std::array< Qel::U64, 2 > > keys( batch );
+    Qel::U64 at = 1;
+    Qel::U64 misses = 0;
+    Qel::U64 sum = 0;
+    for ( auto _ : state ) {
+        for ( auto& key : keys ) {
+            at = at * 6364136223846793005u + 1442695040888963407u;
+            key = entryOf( ( at >> 33 ) % n ).key;
+        }
+        filled.reader->entry.findMany( keys, [ & ]( const auto&, const Entry* e ) {
+            misses += !e;
+            sum += e ? e->value[ 5 ] : 0;
+        } );
+    }
+    benchmark::DoNotOptimize( sum );
+    state.counters[ "missed" ] = double( misses );
+    state.SetItemsProcessed( Qel::S64( batch ) * state.iterations() );
 }
 
 void insert( benchmark::State& state ) {
@@ -136,10 +102,12 @@ void iterate( benchmark::State& state ) {
 #define SIZES Arg( 1000 )->Arg( 100000 )->Arg( 1000000 )
 BENCHMARK( findHit )->SIZES;
 BENCHMARK( findMiss )->SIZES;
+BENCHMARK( findMany )->SIZES;
 BENCHMARK( insert )->SIZES->Unit( benchmark::kMillisecond );
 BENCHMARK( update )->SIZES;
 BENCHMARK( iterate )->SIZES->Unit( benchmark::kMicrosecond );
 
+} // namespace
 } // namespace Bench
 
 BENCHMARK_MAIN();

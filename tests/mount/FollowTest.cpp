@@ -144,8 +144,8 @@ TEST_F( FollowTest, AShadowHasTheOldValueAtHand ) {
     EXPECT_EQ( previous, ( std::map< U32, double > { { 1, readingOf( 1, 1 ).celsius },
                                                      { 2, readingOf( 2, 1 ).celsius },
                                                      { 3, readingOf( 3, 1 ).celsius } } ) );
-    EXPECT_EQ( now, ( std::map< U32, bool > {
-                        { 1, true }, { 2, false }, { 3, true }, { 20, true } } ) );
+    EXPECT_EQ( now,
+               ( std::map< U32, bool > { { 1, true }, { 2, false }, { 3, true }, { 20, true } } ) );
     EXPECT_FALSE( reading().previous( 1 ) ) << "the change is over";
 }
 
@@ -174,8 +174,8 @@ TEST_F( FollowTest, AWriterThatReconcilesTellsTheDifferencesOnly ) {
     order( "reconcile" );
     ASSERT_TRUE( hears( 4 ) );
     EXPECT_THAT( told, UnorderedElementsAre( 1, 2, 3, 30 ) );
-    EXPECT_EQ( now, ( std::map< U32, bool > {
-                        { 1, true }, { 2, false }, { 3, false }, { 30, true } } ) );
+    EXPECT_EQ(
+        now, ( std::map< U32, bool > { { 1, true }, { 2, false }, { 3, false }, { 30, true } } ) );
     EXPECT_EQ( reading().size(), 3u );
 }
 

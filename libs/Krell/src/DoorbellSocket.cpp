@@ -5,7 +5,9 @@
 #include <mutex>
 #include <vector>
 
+#include <fcntl.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -41,18 +43,28 @@ public:
 
     void remove( const DoorbellSocket& socket ) noexcept {
         const std::lock_guard guard( mutex_ );
-        if ( !socket.inherited() ) {
-            fds_.erase( std::remove( fds_.begin(), fds_.end(), socket.fd_ ), fds_.end() );
-            ::close( socket.fd_ );
-        }
+        fds_.erase( std::remove( fds_.begin(), fds_.end(), socket.fd_ ), fds_.end() );
+        ::close( socket.fd_ );
     }
 
 private:
+    // The numbers stay taken, by something that never becomes readable, until the objects go: the
+    // child's event loop may still wait for them.
     void handleForked() noexcept {
+        int silent = -1;
         for ( const int fd : fds_ ) {
-            ::close( fd );
+            if ( silent < 0 ) {
+                ::close( fd ); // makes room where a process has all that it may have
+                silent = ::eventfd( 0, EFD_CLOEXEC | EFD_NONBLOCK );
+            }
+            if ( silent != fd ) {
+                ::dup3( silent, fd, O_CLOEXEC );
+            }
         }
-        fds_.clear();
+        const bool owned = std::find( fds_.begin(), fds_.end(), silent ) != fds_.end();
+        if ( !owned ) {
+            ::close( silent );
+        }
         forkCount_.fetch_add( 1, std::memory_order_relaxed );
         mutex_.unlock();
     }
