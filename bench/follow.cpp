@@ -38,7 +38,6 @@ U64 now() {
 // What a follower's process tells the benchmark.
 struct Shared {
     std::atomic< U64 > notified;
-    std::atomic< U64 > sequence;
     std::atomic< U64 > toldAt; // of the last notification
 };
 
@@ -79,7 +78,6 @@ private:
         const auto watch = store->entry.onEntry( [ & ]( const auto& ) {
             shared_->toldAt.store( now() );
             shared_->notified.fetch_add( 1, std::memory_order_relaxed );
-            shared_->sequence.store( store->entry.control().sequence() );
         } );
         for ( ;; ) {
             Qel::System::runOnce( 1 );
@@ -170,7 +168,9 @@ void stoppedFollower( benchmark::State& state ) {
     process.go();
     const U64 start = now();
     turnUntil( [ & ] {
-        return process.shared().sequence.load() == filled.writer->entry.control().sequence();
+        const auto peers = filled.writer->entry.core().doorbell()->peers();
+        return peers.size() == 1 &&
+               peers[ 0 ].consumed == filled.writer->entry.control().sequence();
     } );
     state.counters[ "catchUpMs" ] = double( now() - start ) / 1e6;
     state.counters[ "caughtUpWith" ] = double( process.shared().notified.load() - before );

@@ -84,9 +84,7 @@ void* SharedMem::attach( std::size_t size, Mode mode ) {
         closeFile();
         return nullptr;
     }
-    if ( mode == readOnly ) {
-        closeFile();
-    }
+    closeFile();
     return address_;
 }
 
@@ -107,26 +105,22 @@ bool SharedMem::resize( std::size_t newSize ) {
     if ( mode_ == readOnly ) {
         return failed( "resize", EBADF, "is attached for reading only" );
     }
-    if ( newSize > size_ && fd_ < 0 ) {
-        return failed( "resize", EBADF, "has its final size" );
+    if ( newSize <= size_ ) {
+        return true;
     }
-    return newSize <= size_ || ( allocate( size_, newSize ) && extend( newSize ) );
+    const bool done = reopen( "resize", O_RDWR ) && allocate( size_, newSize ) && extend( newSize );
+    closeFile();
+    return done;
 }
 
 bool SharedMem::remap() {
     if ( !address_ ) {
         return failed( "remap", EINVAL, "is not attached" );
     }
-    const bool opened = fd_ < 0;
-    if ( opened && ( fd_ = openAt( "open", O_RDONLY ) ) < 0 ) {
-        return false;
-    }
     std::size_t size = 0;
-    const bool done = ( isOurs( fd_ ) || failed( "remap", ESTALE, "now names another file" ) ) &&
-                      sizeOfFile( size ) && ( size <= size_ || extend( size ) );
-    if ( opened ) {
-        closeFile();
-    }
+    const bool done =
+        reopen( "remap", O_RDONLY ) && sizeOfFile( size ) && ( size <= size_ || extend( size ) );
+    closeFile();
     return done;
 }
 
@@ -215,6 +209,12 @@ bool SharedMem::openExisting( std::size_t& size ) {
     }
     size = size ? size : there;
     return true;
+}
+
+// The file that is mapped, under its name.
+bool SharedMem::reopen( const char* call, int flags ) {
+    fd_ = openAt( "open", flags );
+    return fd_ >= 0 && ( isOurs( fd_ ) || failed( call, ESTALE, "now names another file" ) );
 }
 
 // Also notes which file it is, when nothing is mapped yet.

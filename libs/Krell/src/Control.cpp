@@ -164,8 +164,11 @@ void Control::close() noexcept {
     follower_.reset();
     table_.segmentsAre( nullptr );
     incarnation_ = Incarnation();
-    doorbell_.reset();
+    if ( doorbell_ ) {
+        doorbell_->hide();
+    }
     lock_.unlock();
+    doorbell_.reset();
     directory_.reset();
     role_ = Role::none;
     nobodyListens_ = true;

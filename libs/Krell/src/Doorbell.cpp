@@ -49,10 +49,19 @@ void Doorbell::open( std::shared_ptr< const Directory > directory ) {
     }
 }
 
-void Doorbell::close() noexcept {
-    if ( isOpen() ) { // a forked child leaves the file alone
-        removeFile();
+// A forked child leaves the file alone.
+void Doorbell::hide() noexcept {
+    struct stat status;
+    if ( isOpen() &&
+         ::fstatat( directory_->fd(), fileName_, &status, AT_SYMLINK_NOFOLLOW ) == 0 &&
+         status.st_dev == id_.device && status.st_ino == id_.inode ) {
+        ::unlinkat( directory_->fd(), fileName_, 0 );
     }
+    id_ = FileId();
+}
+
+void Doorbell::close() noexcept {
+    hide();
     if ( fdControl_ ) {
         fdControl_->delFd();
     }
@@ -61,7 +70,6 @@ void Doorbell::close() noexcept {
     fdControl_.reset();
     timer_.reset();
     directory_.reset();
-    id_ = FileId();
     paused_ = false;
     admitted_ = 0;
 }
@@ -106,14 +114,6 @@ void Doorbell::publish( const std::string& temporary ) {
     } catch ( ... ) {
         ::unlinkat( directory_->fd(), temporary.c_str(), 0 );
         throw;
-    }
-}
-
-void Doorbell::removeFile() noexcept {
-    struct stat status;
-    if ( ::fstatat( directory_->fd(), fileName_, &status, AT_SYMLINK_NOFOLLOW ) == 0 &&
-         status.st_dev == id_.device && status.st_ino == id_.inode ) {
-        ::unlinkat( directory_->fd(), fileName_, 0 );
     }
 }
 

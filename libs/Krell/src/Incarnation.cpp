@@ -228,6 +228,7 @@ void Incarnation::make( Platform::DebugHandler& handler,
         KRELL_CRASH_POINT( "create: slots renamed" );
         directory->rename( bucketsName, "buckets" );
         KRELL_CRASH_POINT( "create: buckets renamed" );
+        segments_->namesAre( "slots", "buckets" );
         directory->rename( fenixName, fenixFile_ );
     } catch ( ... ) {
         segments_.reset();

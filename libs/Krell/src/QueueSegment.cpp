@@ -80,7 +80,7 @@ void QueueSegment::nameIsFinal() {
     const char* const name = fileNameOf( generation() );
     directory_->rename( name_, name );
     name_ = name;
-    mem_.sizeIsFinal();
+    mem_.nameIs( name );
 }
 
 // A generation that is gone, or whose file is not there yet, is looked for again under its

@@ -120,6 +120,11 @@ void Segments::create( U32 fenix, U32 slots, unsigned log2Buckets ) {
     bucketsHeader_->tableWord = TableWord( 1, log2Buckets, 0 ).word();
 }
 
+void Segments::namesAre( const std::string& slotsName, const std::string& bucketsName ) {
+    slotsMem_->nameIs( slotsName );
+    bucketsMem_->nameIs( bucketsName );
+}
+
 void Segments::makeHeaders( U32 fenix, U32 slots ) {
     header_ = new ( slotsMem_->address() ) SlotHeader();
     header_->fenix = fenix;
