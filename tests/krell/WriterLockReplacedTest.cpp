@@ -25,7 +25,8 @@ using namespace Krell;
 using namespace KrellTest;
 namespace fs = std::filesystem;
 
-// While it lives, `action( n )` runs before this thread's n-th fcntl of that kind.
+// While it lives, `action( n )` runs before this thread's n-th fcntl of that kind. Giving a part of
+// a lock back is no locking.
 class BeforeFcntl {
 public:
     BeforeFcntl( int command, std::function< void( int ) > action )
@@ -38,9 +39,10 @@ public:
 
     int calls() const { return calls_; }
     // The errno that the call is to fail with; 0 lets it through.
-    int before( int command ) {
+    int before( int command, const void* argument ) {
         const int wide = command_ == F_SETLK ? F_SETLK64 : F_GETLK64;
-        if ( command != command_ && command != wide ) {
+        const bool same = command == command_ || command == wide;
+        if ( !same || static_cast< const struct flock* >( argument )->l_type == F_UNLCK ) {
             return 0;
         }
         action_( calls_ );
@@ -210,7 +212,7 @@ using Fcntl = int ( * )( int, int, void* );
 
 int interposed( int fd, int command, void* argument ) {
     BeforeFcntl* hook = std::exchange( BeforeFcntl::current, nullptr ); // not for its own calls
-    const int failure = hook ? hook->before( command ) : 0;
+    const int failure = hook ? hook->before( command, argument ) : 0;
     BeforeFcntl::current = hook;
     if ( failure ) {
         errno = failure;

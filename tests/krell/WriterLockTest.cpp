@@ -193,7 +193,7 @@ TEST_F( WriterLockTest, AForkedChildsDestructorChangesNothingForTheParent ) {
     auto lock = std::make_unique< WriterLock >();
     ASSERT_TRUE( lock->tryLock( directory ) );
     lock->writeOwner();
-    const std::string text = bytesOf( root / "coll/last-owner" ); // gives the lock away, and
+    const std::string text = ownersText(); // gives the lock away, and
     lock->unlock();
     ASSERT_TRUE( lock->tryLock( directory ) ); // takes it anew
     EXPECT_EQ( inChild( [ & ] {
@@ -204,7 +204,7 @@ TEST_F( WriterLockTest, AForkedChildsDestructorChangesNothingForTheParent ) {
     EXPECT_TRUE( lock->held() );
     EXPECT_FALSE( freeForOthers() );
     lock.reset();
-    EXPECT_EQ( bytesOf( file() ), text );
+    EXPECT_EQ( ownersText(), text );
 }
 
 TEST_F( WriterLockTest, AForkedChildMayNotWriteTheOwner ) {
@@ -343,7 +343,7 @@ TEST_F( WriterLockTest, OwnerTextIsLinesThatPeopleRead ) {
     ASSERT_TRUE( lock.tryLock( directory ) );
     lock.writeOwner();
     lock.unlock();
-    EXPECT_EQ( bytesOf( file() ),
+    EXPECT_EQ( ownersText(),
                "process: " + Util::processName() + "\npid: " + std::to_string( ::getpid() ) +
                    "\nstart-time: " + std::to_string( Util::processStartTime( ::getpid() ) ) +
                    "\nboot-id: " + Util::bootId() + "\nuid: " + std::to_string( ::getuid() ) +
@@ -357,7 +357,7 @@ TEST_F( WriterLockTest, WriteOwnerReplacesALongerText ) {
     EXPECT_TRUE( lock.owner().empty() );
     lock.writeOwner();
     lock.unlock();
-    EXPECT_EQ( bytesOf( file() ), Owner::self().text() );
+    EXPECT_EQ( ownersText(), Owner::self().text() );
 }
 
 TEST_F( WriterLockTest, WriteOwnerNeedsTheLock ) {

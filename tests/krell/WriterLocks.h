@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -17,6 +18,12 @@ namespace KrellTest {
 class WriterLockFixture : public testing::Test {
 protected:
     std::string file() const { return root / "coll/last-owner"; }
+    // What stands behind the reign's line, which must be sound.
+    std::string ownersText() const {
+        const std::string text = bytesOf( file() );
+        EXPECT_TRUE( Krell::ReignLine::parse( text ) ) << text;
+        return text.substr( std::min( text.size(), Krell::ReignLine::size_ ) );
+    }
     // Whether another process gets the lock now.
     bool freeForOthers() const {
         return inChild( [ & ] {

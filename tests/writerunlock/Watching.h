@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -32,8 +34,35 @@ class Watching : public testing::Test {
 protected:
     // One turn of the loop, in which no time passes.
     static bool turn() { return Qel::System::runOnce( 0 ); }
+    // As many as there is something to do in; no time passes.
+    static void settle() {
+        while ( turn() ) {
+        }
+    }
     // The time after which a connected state machine looks by itself.
     void tick() { clock.advance( 0.1 ); }
+
+    // The state that it is in, by what it waits for.
+    std::string state() const {
+        const double next = Qel::ActivityManager::activityManager()->config()->clock()->timeMin();
+        if ( next == Qel::neverTime ) {
+            return watchesDirectories() ? "deaf" : sm && sm->connected() ? "listening" : "idle";
+        }
+        // 1 s, but for the clock's granularity
+        return !watchesDirectories() ? "blind" : next - clock.now() > 0.5 ? "waiting" : "watching";
+    }
+    // Whether this process has a directory watched.
+    static bool watchesDirectories() {
+        for ( const auto& file : std::filesystem::directory_iterator( "/proc/self/fdinfo" ) ) {
+            std::ifstream in( file.path() );
+            for ( std::string line; std::getline( in, line ); ) {
+                if ( line.starts_with( "inotify wd:" ) ) {
+                    return true;
+                }
+            }
+        }
+        return false;
+    }
 
     Qel::Ptr< CountReactor > onCount( std::function< void() > then ) {
         Qel::Ptr< CountReactor > made = new CountReactor( std::move( then ) );

@@ -7,11 +7,15 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <Krell/Directory>
+#include <Krell/Doorbell>
+#include <Krell/RootPath>
 #include <Krell/WriterLock>
+#include <Qel/System>
 #include <gtest/gtest.h>
 
 namespace QelKrellTest {
@@ -36,12 +40,23 @@ char readByte( int fd ) {
 }
 
 // The child's; static, because the process ends without destructors.
-std::unique_ptr< Krell::Directory > heldDirectory;
+std::shared_ptr< const Krell::Directory > heldDirectory;
 std::unique_ptr< Krell::WriterLock > heldLock;
+std::unique_ptr< Krell::Doorbell > doorbell;
+
+Krell::Platform::DebugHandler& debug() {
+    static auto* const handler = Krell::Platform::getDebugHandler( "TestWriter" );
+    return *handler;
+}
+
+void openDoorbell() {
+    doorbell = std::make_unique< Krell::Doorbell >( debug() );
+    doorbell->open( heldDirectory );
+}
 
 } // namespace
 
-Writer::Writer( const std::string& directory, Start start ) {
+Writer::Writer( const std::string& directory, Start start, Manner manner ) : manner_( manner ) {
     int down[ 2 ];
     int up[ 2 ];
     needPipe( down );
@@ -81,24 +96,25 @@ Writer::~Writer() {
 
 void Writer::started() { expectAnswer( 'L' ); }
 
-void Writer::release() {
-    tell( 'u' );
-    expectAnswer( 'u' );
-}
+void Writer::release() { order( 'u' ); }
 
-void Writer::lockAgain() {
-    tell( 'l' );
-    expectAnswer( 'l' );
-}
+void Writer::lockAgain() { order( 'l' ); }
+
+void Writer::listen() { order( 'd' ); }
+
+void Writer::hangUp() { order( 'h' ); }
+
+void Writer::turn() { order( 't' ); }
+
+void Writer::cleanup() { order( 'c' ); }
+
+void Writer::forkChild() { order( 'f' ); }
+
+void Writer::cloneChild() { order( 'r' ); }
 
 void Writer::becomeOther() {
     tell( 'e' );
     EXPECT_EQ( readByte( answers_ ), '\0' ) << "closed by the exec, as the lock's descriptor is";
-}
-
-void Writer::forkChild() {
-    tell( 'f' );
-    expectAnswer( 'f' );
 }
 
 void Writer::exit() {
@@ -109,6 +125,11 @@ void Writer::exit() {
 void Writer::kill() {
     ::kill( pid_, SIGKILL );
     reap();
+}
+
+void Writer::order( char command ) {
+    tell( command );
+    expectAnswer( command );
 }
 
 void Writer::tell( char command ) { ASSERT_EQ( write( commands_, &command, 1 ), 1 ); }
@@ -127,13 +148,16 @@ void Writer::reap() {
 void Writer::run( const std::string& directory, Start start ) {
     try {
         heldDirectory =
-            std::make_unique< Krell::Directory >( Krell::Directory::create( directory ) );
+            std::make_shared< const Krell::Directory >( Krell::Directory::create( directory ) );
         heldLock = std::make_unique< Krell::WriterLock >();
         while ( !heldLock->tryLock( *heldDirectory ) ) {
             if ( start == atOnce ) {
                 _exit( failed );
             }
             sched_yield();
+        }
+        if ( manner_ == listening ) {
+            openDoorbell();
         }
         answer( 'L' );
         while ( const char command = readByte( commands_ ) ) {
@@ -144,15 +168,36 @@ void Writer::run( const std::string& directory, Start start ) {
     _exit( failed );
 }
 
+void Writer::lock() {
+    if ( !heldLock->tryLock( *heldDirectory ) ) {
+        _exit( failed );
+    }
+    if ( manner_ == listening ) {
+        openDoorbell();
+    }
+}
+
 void Writer::obey( char command ) {
     switch ( command ) {
     case 'u':
+        doorbell.reset();
         heldLock->unlock();
         break;
     case 'l':
-        if ( !heldLock->tryLock( *heldDirectory ) ) {
-            _exit( failed );
+        lock();
+        break;
+    case 'd':
+        openDoorbell();
+        break;
+    case 'h':
+        doorbell.reset();
+        break;
+    case 't':
+        while ( Qel::System::runOnce( 0 ) ) {
         }
+        break;
+    case 'c':
+        Krell::RootPath( debug(), heldDirectory->path(), false ).cleanup();
         break;
     case 'e':
         // It reads its commands until it is killed.
@@ -161,16 +206,25 @@ void Writer::obey( char command ) {
         _exit( failed );
     case 'f':
         if ( fork() == 0 ) {
-            prctl( PR_SET_PDEATHSIG, 0 );
-            while ( readByte( commands_ ) ) {
-            }
-            _exit( 0 );
+            stay();
+        }
+        break;
+    case 'r':
+        if ( syscall( SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr ) == 0 ) {
+            stay();
         }
         break;
     default:
         _exit( 0 );
     }
     answer( command );
+}
+
+void Writer::stay() {
+    prctl( PR_SET_PDEATHSIG, 0 );
+    while ( readByte( commands_ ) ) {
+    }
+    _exit( 0 );
 }
 
 void Writer::answer( char c ) {

@@ -153,26 +153,25 @@ void Control::replace() {
     }
     ReaderTable oldTable( old.segments() );
     if ( role_ == Role::reader && notifying_ && attachment == attachments_ ) {
-        notifyVanished( oldTable ); // the other roles know by themselves what they had
+        notifyVanished( oldTable, old.segments()->slotsMapped() ); // the other roles know by themselves what they had
     }
     if ( failure ) {
         std::rethrow_exception( failure );
     }
 }
 
-// Old contents that are not sound are no reason to miss the new ones.
-void Control::notifyVanished( ReaderTable& old ) {
+// Of slots that were not mapped, no key was ever told. Old contents that are not sound are no reason
+// to miss the new ones.
+void Control::notifyVanished( ReaderTable& old, U32 slots ) {
     const U32 attachment = attachments_;
     std::vector< U64 > key( layout_.keyWords() );
     try {
-        for ( U32 index = 0; index < old.slotCount() && attachment == attachments_; ++index ) {
+        for ( U32 index = 0; index < slots && attachment == attachments_; ++index ) {
             if ( old.look( index, key.data() ).isOccupied() && !table_.contains( key.data() ) ) {
                 handleChanged( key.data(), false );
             }
         }
     } catch ( const CorruptionDetectedException& e ) {
-        failed( e );
-    } catch ( const RuntimeException& e ) { // they grew before they were replaced
         failed( e );
     }
 }

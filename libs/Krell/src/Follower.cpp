@@ -26,6 +26,7 @@ Follower::Follower( const Layout& layout, Depth depth, ReaderTable& table, Handl
     : table_( table ),
       handler_( handler ),
       depth_( depth ),
+      died_( layout.keyWords(), 0 ),
       key_( layout.keyWords() ),
       value_( std::max( 1u, layout.valueWords() ) ) {
     if ( depth != Depth::slots ) {
@@ -38,6 +39,8 @@ void Follower::segmentsAre( Segments* segments ) {
     former_ = counts().queue;
     queue_ = segments ? std::make_unique< QueueReader >( *segments, table_ ) : nullptr;
     newcomer_ = true;
+    firstSequence_ = 0;
+    drainEnded();
     if ( shadow_ ) {
         shadow_->allVacated();
     }
@@ -69,6 +72,7 @@ QueueReader::Drain Follower::round( double seconds ) {
     if ( !ended_ && ( drain == Drain::end || drain == Drain::empty ) ) {
         counts_.empty += drain == Drain::empty;
         counts_.ends += drain == Drain::end;
+        drainEnded();
         newcomer_ = false;
         unsettled_ = shadow_ && !shadow_->settled();
         if ( unsettled_ && !settle( deadline ) ) {
@@ -85,14 +89,39 @@ bool Follower::slotChanged( U32 slot ) {
     if ( depth_ != Depth::slots ) {
         return slotRead( slot );
     }
-    const SlotVersion version = table_.look( slot, key_.data() );
-    if ( version.isOccupied() ) {
-        return name( key_.data(), true );
+    if ( newcomer_ ) {
+        newcomer_ = false;
+        firstSequence_ = queue_->endSequence();
     }
-    // A key that stands in another slot by now is named with that one.
-    const bool named = version.state() == SlotVersion::dead && !version.writing() && !newcomer_ &&
-                       !table_.contains( key_.data() );
-    return !named || name( key_.data(), false );
+    const SlotVersion version = table_.look( slot, key_.data() );
+    return version.isOccupied() ? name( key_.data(), true ) : slotDied( version );
+}
+
+// A key that stands in another slot by now is named with that one; one that was deleted in several,
+// with the first of them. That holds for one end of a drain: what came and went later is named in
+// the next, or after the end was set anew.
+bool Follower::slotDied( SlotVersion version ) {
+    if ( deathsEnd_ != queue_->endSequence() ) {
+        drainEnded();
+        deathsEnd_ = queue_->endSequence();
+    }
+    if ( version.state() != SlotVersion::dead || version.writing() ||
+         version.sequence() <= firstSequence_ || table_.contains( key_.data() ) ||
+         died_.find( key_.data() ) ) {
+        return true;
+    }
+    const bool goOn = name( key_.data(), false );
+    died_.occupied( deaths_++, key_.data(), nullptr ); // not before: the handler may throw
+    return goOn;
+}
+
+// Keeps the room for the keys.
+void Follower::drainEnded() {
+    if ( deaths_ != 0 ) {
+        died_.allVacated();
+        died_.settle( []( const U64* ) {} );
+        deaths_ = 0;
+    }
 }
 
 bool Follower::slotRead( U32 slot ) {

@@ -1,6 +1,5 @@
 #include <Krell/QueueReader>
 
-#include <algorithm>
 #include <new>
 
 namespace Krell {
@@ -71,6 +70,9 @@ bool QueueReader::beginDrain() {
     if ( end_ < position_ || endSequence_ < sequence_ ) {
         wild( "a head that went back to position", end_ );
     }
+    if ( end_ != position_ ) {
+        lastSlot_ = QueueEntry( loadAcquire( segment_->place( end_ - 1 ) ) ).slot();
+    }
     draining_ = true;
     return true;
 }
@@ -92,8 +94,12 @@ SlotVersion QueueReader::versionAt( U32 slot ) const {
     return versionOf( segments_.slot( slot ) );
 }
 
-// Whether this entry is the one that speaks for its slot in the drain under way.
-bool QueueReader::isNews( QueueEntry entry ) {
+// Whether this entry is the one that speaks for its slot in the drain under way. The entries of new
+// changes stand in their order, so everything up to its own is `told` by its report.
+//
+// The last change's slot may have two entries that are no tombstones, for its former one becomes a
+// tombstone after the mark. Nothing is lost by passing over a change behind the end.
+bool QueueReader::isNews( QueueEntry entry, U64& told ) {
     if ( entry.tombed() ) {
         const bool later = S32( entry.sequence() - U32( endSequence_ ) ) > 0;
         counts_.tombed += !later;
@@ -104,7 +110,14 @@ bool QueueReader::isNews( QueueEntry entry ) {
         return false; // appended anew; known
     }
     const U64 now = versionAt( entry.slot() ).sequence();
-    return now > sequence_ && ( U32( now ) == entry.sequence() || now > endSequence_ );
+    if ( now > endSequence_ ) {
+        return entry.slot() != lastSlot_ || position_ == end_ - 1;
+    }
+    if ( now <= sequence_ || U32( now ) != entry.sequence() ) {
+        return false;
+    }
+    told = now;
+    return true;
 }
 
 // The entries that stand in order are passed over as far as their changes are known.
@@ -131,13 +144,29 @@ U64 QueueReader::endOfKnown( U64 from ) {
     return low;
 }
 
-// Finds all entries newer than the known sequence, whatever is appended or moved meanwhile: an
-// entry that was live when the mark was loaded is met at its place, or the tail tells that it was
-// moved behind the mark, and then the search goes on to a newer one.
 bool QueueReader::search() {
     ++counts_.restarts;
     found_.clear();
     nextFound_ = 0;
+    try {
+        if ( !findNews() ) {
+            return false;
+        }
+        putInOrder();
+    } catch ( const std::bad_alloc& ) {
+        found_.clear();
+        throw MemoryResourceException( "no memory to put the changes of " + segments_.place() +
+                                       " in order" );
+    }
+    position_ = end_;
+    placed_ = draining_ = true;
+    return true;
+}
+
+// Finds all entries newer than the known sequence, whatever is appended or moved meanwhile: an
+// entry that was live when the mark was loaded is met at its place, or the tail tells that it was
+// moved behind the mark, and then the search goes on to a newer one.
+bool QueueReader::findNews() {
     U64 from = segment_->tail();
     if ( !loadMark( end_, endSequence_ ) ) {
         return false;
@@ -159,21 +188,29 @@ bool QueueReader::search() {
             return false;
         }
     }
-    putInOrder();
-    position_ = end_;
-    placed_ = draining_ = true;
     return true;
 }
 
-// A slot that was met at its place, and again where its entry was moved to, counts once.
 void QueueReader::putInOrder() {
     std::sort( found_.begin(), found_.end(), []( const Found& a, const Found& b ) {
         return a.sequence != b.sequence ? a.sequence < b.sequence : a.slot < b.slot;
     } );
-    const auto same = []( const Found& a, const Found& b ) {
-        return a.sequence == b.sequence && a.slot == b.slot;
-    };
-    found_.erase( std::unique( found_.begin(), found_.end(), same ), found_.end() );
+    keepNewestOfSlots();
+}
+
+// A slot may have been met at its place, and again where its entry was moved to, or where that of a
+// later change stands.
+void QueueReader::keepNewestOfSlots() {
+    std::vector< bool > met( segments_.slotsMapped() );
+    auto kept = found_.end();
+    for ( auto at = found_.end(); at != found_.begin(); ) {
+        --at;
+        if ( !met[ at->slot ] ) {
+            met[ at->slot ] = true;
+            *--kept = *at;
+        }
+    }
+    found_.erase( found_.begin(), kept );
 }
 
 void QueueReader::collect( const Batch& batch ) {
@@ -187,13 +224,7 @@ void QueueReader::collect( const Batch& batch ) {
         if ( now <= sequence_ ) {
             continue;
         }
-        try {
-            found_.push_back( { now, entry.slot() } );
-        } catch ( const std::bad_alloc& ) {
-            found_.clear();
-            throw MemoryResourceException( "no memory to put the changes of " + segments_.place() +
-                                           " in order" );
-        }
+        found_.push_back( { now, entry.slot() } );
     }
 }
 

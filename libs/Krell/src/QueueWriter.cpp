@@ -16,12 +16,15 @@ namespace {
 // passed at four a change, so an eighth of the places has to be free when it begins.
 constexpr U64 enoughOf( U64 places ) { return places - places / 8; }
 
+// 0 is none; its successor has to be of the other file.
+constexpr U32 generationAfter( U32 generation ) { return generation + 1 ? generation + 1 : 2; }
+
 } // namespace
 
 QueueWriter::QueueWriter( Segments& segments ) : segments_( segments ) {
     auto segment =
         QueueSegment::create( segments_, {
-                                             segments_.queueGeneration() + 1,
+                                             generationAfter( segments_.queueGeneration() ),
                                              QueueSegment::log2For( segments_.slotCount() ),
                                              0,
                                              U64( segments_.slotCount() ) + 1,
@@ -83,8 +86,8 @@ void QueueWriter::reserve( U32 slots ) {
         return;
     }
     auto next =
-        QueueSegment::create( segments_, { segment_->generation() + 1, log2, segment_->generation(),
-                                           segment_->shape().sortedEnd } );
+        QueueSegment::create( segments_, { generationAfter( segment_->generation() ), log2,
+                                           segment_->generation(), segment_->shape().sortedEnd } );
     KRELL_CRASH_POINT( "queue: generation made" );
     for ( U64 position = tail_; position != head_; ++position ) {
         storeRelaxed( next->place( position ), loadRelaxed( segment_->place( position ) ) );

@@ -32,23 +32,70 @@ struct flock wholeFile() {
     return range;
 }
 
-// Who has a lock that stands in the way of ours: 0 nobody.
-pid_t blocker( const Fd& file, const std::string& path ) {
+// A lock that stands in the way of ours.
+struct Blocker {
+    pid_t holder = 0; // 0: there is none
+    U64 reign = 0;    // 0: not numbered
+};
+
+Blocker blocker( const Fd& file, const std::string& path ) {
     struct flock range = wholeFile();
     if ( ::fcntl( file.get(), F_GETLK, &range ) != 0 ) {
         throwSystemFailure( "fcntl", path, errno );
     }
-    return range.l_type == F_UNLCK ? 0 : range.l_pid > 0 ? range.l_pid : WriterLock::unknownHolder_;
+    if ( range.l_type == F_UNLCK ) {
+        return {};
+    }
+    return { range.l_pid > 0 ? range.l_pid : WriterLock::unknownHolder_,
+             range.l_start == 0 ? U64( range.l_len ) : 0 };
 }
 
-Owner ownerIn( const Fd& file ) {
-    std::string text( Owner::maxText_, '\0' );
+// Empty when it cannot be read.
+std::string beginning( const Fd& file, std::size_t size ) {
+    std::string text( size, '\0' );
     ssize_t length;
     do {
         length = ::pread( file.get(), text.data(), text.size(), 0 );
     } while ( length < 0 && errno == EINTR );
-    return Owner::parse(
-        std::string_view( text ).substr( 0, length > 0 ? std::size_t( length ) : 0 ) );
+    text.resize( length > 0 ? std::size_t( length ) : 0 );
+    return text;
+}
+
+Owner ownerIn( const Fd& file ) { return Owner::parse( beginning( file, Owner::maxText_ ) ); }
+
+void writeFromStart( const Fd& file, const std::string& text, const std::string& path ) {
+    for ( std::size_t at = 0; at < text.size(); ) {
+        const ssize_t n = ::pwrite( file.get(), text.data() + at, text.size() - at, off_t( at ) );
+        if ( n < 0 && errno != EINTR ) {
+            throwSystemFailure( "pwrite", path, errno );
+        }
+        at += n > 0 ? std::size_t( n ) : 0;
+    }
+}
+
+// In place of what stands there. What is left of a longer text does no harm meanwhile: of each key
+// the first line counts.
+void writeWhole( const Fd& file, const std::string& text, const std::string& path ) {
+    writeFromStart( file, text, path );
+    if ( ::ftruncate( file.get(), off_t( text.size() ) ) != 0 ) {
+        throwSystemFailure( "ftruncate", path, errno );
+    }
+}
+
+// The lock at one instant, and the line as it stood then: the same before and after it. A line that
+// is being written does not read as one, and is there at the next attempt.
+Reigns reignsIn( const Fd& file, const std::string& path ) {
+    Blocker lock;
+    std::string line;
+    for ( int i = 0; i < maxAttempts; ++i ) {
+        line = beginning( file, ReignLine::size_ );
+        lock = blocker( file, path );
+        if ( line == beginning( file, ReignLine::size_ ) ) {
+            break;
+        }
+    }
+    const ReignLine last = ReignLine::parse( line ).value_or( ReignLine() );
+    return { lock.reign > 0 ? lock.reign - 1 : last.number, lock.reign, lock.holder, last.series };
 }
 
 } // namespace
@@ -61,6 +108,7 @@ public:
         U64 process;              // that locked; a forked child finds its parent's entries
         Fd file;                  // the one descriptor that carries the lock
         Owner owner;              // what stands in the file
+        ReignLine reign;          // and in its first line
         std::vector< Fd > parked; // of the same file under other names: not to be closed before
     };
 
@@ -88,8 +136,9 @@ public:
         }
         return &at->second;
     }
-    void insert( const FileId& id, Fd file, const Owner& owner ) {
-        entries_.insert_or_assign( id, Entry { thisProcess(), std::move( file ), owner, {} } );
+    void insert( const FileId& id, Fd file, const Owner& owner, const ReignLine& reign ) {
+        entries_.insert_or_assign( id,
+                                   Entry { thisProcess(), std::move( file ), owner, reign, {} } );
     }
     void erase( const FileId& id ) { entries_.erase( id ); }
     // Takes a descriptor that came to a file locked by this process, to keep it open; false, and
@@ -190,7 +239,7 @@ WriterLock::Attempt WriterLock::settle( const Directory& directory,
         if ( errno != EAGAIN && errno != EACCES ) {
             throwSystemFailure( "fcntl", path_, errno );
         }
-        holder_ = blocker( file, path_ );
+        holder_ = blocker( file, path_ ).holder;
         owner_ = ownerIn( file );
         return holder_ == 0 ? Attempt::again : Attempt::refused; // 0: gone since
     }
@@ -198,11 +247,31 @@ WriterLock::Attempt WriterLock::settle( const Directory& directory,
         return Attempt::again; // a lock on a file that nobody else will find
     }
     owner_ = ownerIn( file );
-    registry.insert( id, std::move( file ), owner_ );
+    const ReignLine reign = number( file );
+    registry.insert( id, std::move( file ), owner_, reign );
     id_ = id;
     lockedBy_ = thisProcess();
     holder_ = ::getpid();
     return Attempt::locked;
+}
+
+// Numbers the reign of the lock on the file: first in the lock, which may only shrink, then in the
+// text. See Reigns for what others find in between.
+ReignLine WriterLock::number( const Fd& file ) const {
+    const std::optional< ReignLine > last = ReignLine::parse( beginning( file, ReignLine::size_ ) );
+    const ReignLine reign = ReignLine::after( last );
+    struct flock rest = wholeFile();
+    rest.l_type = F_UNLCK;
+    rest.l_start = off_t( reign.number );
+    if ( ::fcntl( file.get(), F_SETLK, &rest ) != 0 ) {
+        throwSystemFailure( "fcntl", path_, errno );
+    }
+    if ( last ) {
+        writeFromStart( file, reign.text(), path_ );
+    } else {
+        writeWhole( file, reign.text() + ( owner_.empty() ? "" : owner_.text() ), path_ );
+    }
+    return reign;
 }
 
 void WriterLock::unlock() noexcept {
@@ -222,19 +291,7 @@ void WriterLock::writeOwner() {
     const std::lock_guard guard( Registry::mutex() );
     Registry::Entry& entry = *Registry::instance().find( id_ );
     const Owner self = Owner::self();
-    const std::string text = self.text();
-    for ( std::size_t at = 0; at < text.size(); ) {
-        const ssize_t n =
-            ::pwrite( entry.file.get(), text.data() + at, text.size() - at, off_t( at ) );
-        if ( n < 0 && errno != EINTR ) {
-            throwSystemFailure( "pwrite", path_, errno );
-        }
-        at += n > 0 ? std::size_t( n ) : 0;
-    }
-    // What is left of a longer text does no harm meanwhile: of each key the first line counts.
-    if ( ::ftruncate( entry.file.get(), off_t( text.size() ) ) != 0 ) {
-        throwSystemFailure( "ftruncate", path_, errno );
-    }
+    writeWhole( entry.file, entry.reign.text() + self.text(), path_ );
     entry.owner = self;
 }
 
@@ -269,8 +326,42 @@ pid_t WriterLock::holderOf( const Directory& directory ) {
         return 0;
     }
     const std::string path = directory.pathOf( fileName_ );
-    const pid_t holder = blocker( file, path );
+    const pid_t holder = blocker( file, path ).holder;
     return registry.park( idOf( file.get(), path ), file ) ? ::getpid() : holder;
+}
+
+Fd WriterLock::fileOf( const Directory& directory ) {
+    // Closing a descriptor of that kind does not give a lock away.
+    Fd file( ::openat( directory.fd(), fileName_, O_PATH | O_NOFOLLOW | O_CLOEXEC ) );
+    if ( !file ) {
+        if ( errno != ENOENT ) {
+            throwSystemFailure( "openat", directory.pathOf( fileName_ ), errno );
+        }
+        return file;
+    }
+    struct stat status;
+    if ( ::fstat( file.get(), &status ) != 0 ) {
+        throwSystemFailure( "fstat", directory.pathOf( fileName_ ), errno );
+    }
+    if ( !S_ISREG( status.st_mode ) ) {
+        throw RuntimeException( directory.pathOf( fileName_ ) + " is no regular file" );
+    }
+    return file;
+}
+
+Reigns WriterLock::reignsOf( const Fd& file, const std::string& path ) {
+    const std::lock_guard guard( Registry::mutex() );
+    if ( const Registry::Entry* entry = Registry::instance().find( idOf( file.get(), path ) ) ) {
+        const ReignLine& reign = entry->reign;
+        return { reign.number - 1, reign.number, ::getpid(), reign.series };
+    }
+    // Not ours, so it may be closed again.
+    const std::string name = "/proc/self/fd/" + std::to_string( file.get() );
+    const Fd opened( ::open( name.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC ) );
+    if ( !opened ) {
+        throwSystemFailure( "open", path, errno );
+    }
+    return reignsIn( opened, path );
 }
 
 std::string WriterLock::refusalText( const Directory& directory,
