@@ -1,62 +1,18 @@
 // What a reader's copy knows of keys, against a model, and with too little memory.
 
 #include <algorithm>
-#include <cstdlib>
-#include <new>
 #include <optional>
 
 #include <gtest/gtest.h>
 
 #include <Krell/ShadowTable>
 
+#include "krell/Allocations.h"
 #include "krell/EngineSupport.h"
 
 using namespace KrellTest;
 using Krell::ShadowTable;
 using Change = Krell::ShadowTable::Change;
-
-namespace {
-
-// Allocations of this thread: how many there were, and after how many more each one fails.
-thread_local U64 allocations = 0;
-thread_local U64 allocationsLeft = ~U64( 0 );
-thread_local std::size_t largestAllocation = ~std::size_t( 0 );
-
-void* allocated( std::size_t size ) {
-    ++allocations;
-    if ( allocationsLeft == 0 || size > largestAllocation ) {
-        throw std::bad_alloc();
-    }
-    allocationsLeft -= allocationsLeft != ~U64( 0 );
-    if ( void* const memory = std::malloc( size ? size : 1 ) ) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-
-// Lets only so many allocations succeed while it lives.
-class FewAllocations {
-public:
-    explicit FewAllocations( U64 count ) { allocationsLeft = count; }
-    ~FewAllocations() { allocationsLeft = ~U64( 0 ); }
-    FewAllocations( const FewAllocations& ) = delete;
-    FewAllocations& operator=( const FewAllocations& ) = delete;
-};
-
-} // namespace
-
-void* operator new( std::size_t size ) { return allocated( size ); }
-void* operator new[]( std::size_t size ) { return allocated( size ); }
-void* operator new( std::size_t size, const std::nothrow_t& ) noexcept {
-    return std::malloc( size ? size : 1 );
-}
-void* operator new[]( std::size_t size, const std::nothrow_t& ) noexcept {
-    return std::malloc( size ? size : 1 );
-}
-void operator delete( void* memory ) noexcept { std::free( memory ); }
-void operator delete[]( void* memory ) noexcept { std::free( memory ); }
-void operator delete( void* memory, std::size_t ) noexcept { std::free( memory ); }
-void operator delete[]( void* memory, std::size_t ) noexcept { std::free( memory ); }
 
 namespace {
 

@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <Dov/Atomics>
+
 namespace Dov {
 
 namespace {
@@ -35,6 +37,22 @@ void adviseHugePages( void* address, std::size_t size ) {
     if ( size >= hugePage ) {
         ::madvise( address, size, MADV_HUGEPAGE ); // advice: a kernel without it does as well
     }
+}
+
+// Extends a mapping of the file, or makes it anew elsewhere. ThreadSanitizer does not see mremap,
+// and would take what another thread once had at that address for a race.
+void* extended( int fd, void* address, std::size_t size, std::size_t newSize, int protection ) {
+#if defined( DOV_THREAD_SANITIZER )
+    void* const at = ::mmap( nullptr, newSize, protection, MAP_SHARED, fd, 0 );
+    if ( at != MAP_FAILED ) {
+        ::munmap( address, size );
+    }
+    return at;
+#else
+    static_cast< void >( fd );
+    static_cast< void >( protection );
+    return ::mremap( address, size, newSize, MREMAP_MAYMOVE );
+#endif
 }
 
 class KeepErrno {
@@ -265,7 +283,7 @@ bool SharedMem::map( std::size_t size ) {
 
 // The file has `newSize` bytes already.
 bool SharedMem::extend( std::size_t newSize ) {
-    void* at = ::mremap( address_, size_, newSize, MREMAP_MAYMOVE );
+    void* at = extended( fd_, address_, size_, newSize, protection( mode_ ) );
     if ( at == MAP_FAILED ) {
         return failed( "mremap", errno );
     }
