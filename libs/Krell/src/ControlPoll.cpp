@@ -55,7 +55,6 @@ void Control::poll() {
     if ( !follows() || local_ || inRound_ ) {
         return;
     }
-    const std::shared_ptr< Follower > kept = follower_; // a callback may close the collection
     bool more = false;
     inRound_ = true;
     try {
@@ -98,11 +97,11 @@ bool Control::round() {
     } else if ( isReplaced() ) {
         replace();
     }
-    if ( !follows() ) {
+    if ( !follows() || local_ ) { // a callback closed it, and may have opened another
         return false;
     }
     if ( !incarnation_.exists() ) {
-        return notifying_ && follower_->round( yieldTime_ ) == QueueReader::Drain::stopped;
+        return notifying_ && drain() == QueueReader::Drain::stopped;
     }
     callWriter();
     return notifying_ && follow();
@@ -153,7 +152,9 @@ void Control::replace() {
     }
     ReaderTable oldTable( old.segments() );
     if ( role_ == Role::reader && notifying_ && attachment == attachments_ ) {
-        notifyVanished( oldTable, old.segments()->slotsMapped() ); // the other roles know by themselves what they had
+        notifyVanished(
+            oldTable,
+            old.segments()->slotsMapped() ); // the other roles know by themselves what they had
     }
     if ( failure ) {
         std::rethrow_exception( failure );
@@ -197,20 +198,25 @@ bool Control::connected() const noexcept {
     return caller_ && caller_->state() == DoorbellCaller::State::connected;
 }
 
+QueueReader::Drain Control::drain() {
+    const std::shared_ptr< Follower > kept = follower_; // a callback may close the collection
+    return kept->round( yieldTime_ );
+}
+
 // Drains the queue; connected, until it can sleep or its time is over. Whether there is more.
 bool Control::follow() {
     const auto start = Clock::now();
     for ( ;; ) {
         const U32 attachment = attachments_;
-        const QueueReader::Drain drain = follower_->round( yieldTime_ );
+        const QueueReader::Drain drained = drain();
         if ( attachment != attachments_ ) {
             return false;
         }
         caller_->consumedIs( follower_->sequence() );
-        if ( drain == QueueReader::Drain::stopped ) {
+        if ( drained == QueueReader::Drain::stopped ) {
             return true;
         }
-        if ( drain == QueueReader::Drain::absent || !connected() || !somethingCame() ) {
+        if ( drained == QueueReader::Drain::absent || !connected() || !somethingCame() ) {
             return false;
         }
         if ( secondsSince( start ) >= yieldTime_ ) {
