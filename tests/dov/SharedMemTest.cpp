@@ -26,6 +26,7 @@
 namespace {
 
 using Dov::SharedMem;
+using QelKrellTest::openDescriptors;
 using testing::HasSubstr;
 
 // What the library's next allocations of file space answer, one by one; then the system's own.
@@ -46,13 +47,6 @@ protected:
         std::filesystem::remove_all( directory );
     }
 
-    static std::size_t openDescriptors() {
-        std::size_t count = 0;
-        for ( const auto& entry : std::filesystem::directory_iterator( "/proc/self/fd" ) ) {
-            count += !entry.path().empty();
-        }
-        return count;
-    }
     // Mappings of files in this test's directory.
     std::size_t mappingsHere() const {
         std::ifstream maps( "/proc/self/maps" );
@@ -405,34 +399,6 @@ TEST_F( SharedMemTest, RemapRefusesAReplacedFileAndKeepsItsOwn ) {
     mem.detach();
     EXPECT_FALSE( mem.remap() );
     EXPECT_EQ( mem.errorText(), "remap " + at( "slots" ) + ": is not attached" );
-}
-
-TEST_F( SharedMemTest, ARenamedFileGrowsAndKeepsNoDescriptor ) {
-    SharedMem mem( directory, "temporary", false, false );
-    const std::size_t before = QelKrellTest::openDescriptors();
-    ASSERT_TRUE( mem.attach( 100, SharedMem::create ) );
-    EXPECT_EQ( QelKrellTest::openDescriptors(), before );
-    std::filesystem::rename( at( "temporary" ), at( "slots" ) );
-    EXPECT_FALSE( mem.resize( 9000 ) );
-    EXPECT_EQ( mem.errorNumber(), ENOENT );
-    EXPECT_EQ( mem.memSize(), 100U );
-    mem.nameIs( "slots" );
-    EXPECT_TRUE( mem.resize( 9000 ) );
-    EXPECT_EQ( std::filesystem::file_size( at( "slots" ) ), 9000U );
-    bytes( mem )[ 8999 ] = 'x';
-    EXPECT_EQ( QelKrellTest::openDescriptors(), before );
-}
-
-TEST_F( SharedMemTest, AReplacedFileDoesNotGrow ) {
-    file( "other", std::string( 50, 'b' ) );
-    SharedMem mem( directory, "slots", false, false );
-    ASSERT_TRUE( mem.attach( 100, SharedMem::create ) );
-    std::filesystem::rename( at( "other" ), at( "slots" ) );
-    EXPECT_FALSE( mem.resize( 9000 ) );
-    EXPECT_EQ( mem.errorText(), "resize " + at( "slots" ) + ": now names another file" );
-    EXPECT_EQ( mem.errorNumber(), ESTALE );
-    EXPECT_EQ( std::filesystem::file_size( at( "slots" ) ), 50U );
-    EXPECT_EQ( mem.memSize(), 100U );
 }
 
 TEST_F( SharedMemTest, ErrorTextsLeaveErrnoAtTheReason ) {

@@ -161,8 +161,8 @@ void Control::replace() {
     }
 }
 
-// Of slots that were not mapped, no key was ever told. Old contents that are not sound are no reason
-// to miss the new ones.
+// Of slots that were not mapped, no key was ever told. Old contents that are not sound are no
+// reason to miss the new ones.
 void Control::notifyVanished( ReaderTable& old, U32 slots ) {
     const U32 attachment = attachments_;
     std::vector< U64 > key( layout_.keyWords() );
