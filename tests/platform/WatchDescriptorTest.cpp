@@ -14,6 +14,7 @@
 #include <gmock/gmock.h>
 
 #include "Raised.h"
+#include "platform/InotifyLimit.h"
 #include "platform/Scratch.h"
 #include "platform/Tracing.h"
 #include "platform/WatchEvent.h"
@@ -160,6 +161,27 @@ TEST_F( WatchDescriptor, APathThatCannotBeWatchedChangesNothing ) {
     std::filesystem::create_directory( scratch.path( "d" ) );
     drain();
     EXPECT_THAT( handler.events, ElementsAre( "event d" ) );
+}
+
+TEST_F( WatchDescriptor, ALimitThatIsReachedIsAClearError ) {
+    const auto status = QelKrellTest::withInotifyWatches( 0, [ & ] {
+        const std::string error = QelKrellTest::raised< Qel::SystemException >(
+            [ & ] { control->setWatch( scratch.path() ); } );
+        EXPECT_THAT( error, testing::StartsWith( "inotify_add_watch" ) );
+        EXPECT_THAT( error, testing::HasSubstr( "'" + scratch.path() + "'" ) );
+        EXPECT_THAT( error,
+                     testing::HasSubstr( "the limit fs.inotify.max_user_watches is reached" ) );
+        EXPECT_EQ( control->getWatch(), "" );
+        EXPECT_TRUE( QelKrellTest::inotifyWatchesAre( 1 ) );
+        control->setWatch( scratch.path() );
+        std::filesystem::create_directory( scratch.path( "made" ) );
+        drain();
+        EXPECT_THAT( handler.events, ElementsAre( "event made" ) );
+    } );
+    if ( !status ) {
+        GTEST_SKIP() << "a process cannot be given limits of its own here";
+    }
+    EXPECT_EQ( *status, 0 );
 }
 
 TEST_F( WatchDescriptor, LostEventsAreAnError ) {

@@ -8,26 +8,15 @@
 #include <Qel/Clock>
 #include <Qel/Exception>
 
+#include "Sleeper.h"
 #include "TraceCapture.h"
 
 namespace {
 
 using Qel::Clock;
 using Qel::neverTime;
+using QelTest::Sleeper;
 using testing::ElementsAre;
-
-class Sleeper : public Clock::Notifiee {
-public:
-    Sleeper( const Clock::Ptr& clock, std::function< void() > action )
-        : action_( std::move( action ) ) {
-        notifierIs( clock );
-        isRegisteredNotifieeIs( true );
-    }
-    void onTime() override { action_(); }
-
-private:
-    std::function< void() > action_;
-};
 
 class ClockTest : public testing::Test {
 protected:

@@ -15,6 +15,7 @@
 #include <Qel/FileDescriptor>
 #include <Qel/System>
 
+#include "Sleeper.h"
 #include "TraceCapture.h"
 
 namespace {
@@ -23,20 +24,8 @@ using Qel::Clock;
 using Qel::FileDescriptor;
 using Qel::neverTime;
 using Qel::System;
+using QelTest::Sleeper;
 using testing::ElementsAre;
-
-class Waker : public Clock::Notifiee {
-public:
-    Waker( const Clock::Ptr& clock, std::function< void() > action )
-        : action_( std::move( action ) ) {
-        notifierIs( clock );
-        isRegisteredNotifieeIs( true );
-    }
-    void onTime() override { action_(); }
-
-private:
-    std::function< void() > action_;
-};
 
 class Reader : public FileDescriptor::Notifiee {
 public:
@@ -87,7 +76,7 @@ TEST_F( SystemTest, NowIsTheTimeOfTheConfiguredClock ) {
 TEST_F( SystemTest, RunEndsWhenNothingCanHappen ) {
     EXPECT_EQ( System::idle_, System::doRun() );
     clock->manualTimeIs( 0 );
-    const Qel::Ptr< Waker > waker = new Waker( clock, [] {} );
+    const Qel::Ptr< Sleeper > waker = new Sleeper( clock, [] {} );
     waker->timeMinIs( 1 ); // manual time does not move by itself
     EXPECT_EQ( System::idle_, System::doRun() );
     config->executionTimeIs( 10 );
@@ -148,8 +137,8 @@ TEST_F( SystemTest, BadTimesAreRefused ) {
 
 TEST_F( SystemTest, TimersFireInTheirOrderOnTheSystemsClock ) {
     std::vector< int > fired;
-    const Qel::Ptr< Waker > b = new Waker( clock, [ & ] { fired.push_back( 2 ); } );
-    const Qel::Ptr< Waker > a = new Waker( clock, [ & ] { fired.push_back( 1 ); } );
+    const Qel::Ptr< Sleeper > b = new Sleeper( clock, [ & ] { fired.push_back( 2 ); } );
+    const Qel::Ptr< Sleeper > a = new Sleeper( clock, [ & ] { fired.push_back( 1 ); } );
     const double start = Qel::now();
     b->timeMinIs( start + 0.002 );
     a->timeMinIs( start + 0.001 );
@@ -160,11 +149,11 @@ TEST_F( SystemTest, TimersFireInTheirOrderOnTheSystemsClock ) {
 
 TEST_F( SystemTest, FarAndPastTimesAreNoTrouble ) {
     watch();
-    const Qel::Ptr< Waker > far = new Waker( clock, [] { FAIL(); } );
+    const Qel::Ptr< Sleeper > far = new Sleeper( clock, [] { FAIL(); } );
     far->timeMinIs( 1e300 );
     EXPECT_FALSE( System::runOnce( 0 ) );
     int fired = 0;
-    const Qel::Ptr< Waker > past = new Waker( clock, [ & ] { ++fired; } );
+    const Qel::Ptr< Sleeper > past = new Sleeper( clock, [ & ] { ++fired; } );
     past->timeMinIs( -1e300 );
     EXPECT_TRUE( System::runOnce( neverTime ) );
     EXPECT_EQ( 1, fired );
@@ -178,7 +167,7 @@ TEST_F( SystemTest, DueWakeupsRunBeforeDescriptors ) {
     fill();
     const Qel::Ptr< Reader > reader =
         new Reader( file, [ & ] { order.push_back( "descriptor" ); } );
-    const Qel::Ptr< Waker > waker = new Waker( clock, [ & ] { order.push_back( "time" ); } );
+    const Qel::Ptr< Sleeper > waker = new Sleeper( clock, [ & ] { order.push_back( "time" ); } );
     clock->manualTimeIs( 10 );
     waker->timeMinIs( 9 );
     EXPECT_TRUE( System::runOnce( 0 ) );
@@ -189,7 +178,7 @@ TEST_F( SystemTest, ManualTimeMovedByAReactorIsServedNext ) {
     watch();
     fill();
     clock->manualTimeIs( 0 );
-    const Qel::Ptr< Waker > waker = new Waker( clock, [] { System::stop(); } );
+    const Qel::Ptr< Sleeper > waker = new Sleeper( clock, [] { System::stop(); } );
     waker->timeMinIs( 100 );
     const Qel::Ptr< Reader > reader = new Reader( file, [ & ] {
         char byte;
@@ -299,7 +288,7 @@ TEST_F( SystemTest, EmbeddersAreWokenByWhatTheLoopWouldServe ) {
     EXPECT_EQ( 1, read( ends[ 0 ], &byte, 1 ) );
     EXPECT_FALSE( isEmbedderWoken() );
 
-    const Qel::Ptr< Waker > waker = new Waker( clock, [] {} );
+    const Qel::Ptr< Sleeper > waker = new Sleeper( clock, [] {} );
     waker->timeMinIs( Qel::now() + 0.001 );
     pollfd polled = { descriptor, POLLIN, 0 };
     EXPECT_EQ( 1, poll( &polled, 1, -1 ) );

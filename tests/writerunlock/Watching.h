@@ -31,7 +31,7 @@ private:
 
 // A collection's directory, and a state machine that looks at it.
 class Watching : public testing::Test {
-protected:
+public:
     // One turn of the loop, in which no time passes.
     static bool turn() { return Qel::System::runOnce( 0 ); }
     // As many as there is something to do in; no time passes.
@@ -46,7 +46,8 @@ protected:
     std::string state() const {
         const double next = Qel::ActivityManager::activityManager()->config()->clock()->timeMin();
         if ( next == Qel::neverTime ) {
-            return watchesDirectories() ? "deaf" : sm && sm->connected() ? "listening" : "idle";
+            const bool connected = sm && sm->helper() && sm->connected();
+            return watchesDirectories() ? "deaf" : connected ? "listening" : "idle";
         }
         // 1 s, but for the clock's granularity
         return !watchesDirectories() ? "blind" : next - clock.now() > 0.5 ? "waiting" : "watching";

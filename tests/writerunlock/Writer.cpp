@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -222,7 +223,8 @@ void Writer::obey( char command ) {
 
 void Writer::stay() {
     prctl( PR_SET_PDEATHSIG, 0 );
-    while ( readByte( commands_ ) ) {
+    pollfd end { commands_, 0, 0 }; // what is said is not for this process
+    while ( poll( &end, 1, -1 ) < 0 && errno == EINTR ) {
     }
     _exit( 0 );
 }

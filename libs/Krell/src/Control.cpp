@@ -151,6 +151,18 @@ void Control::detach() { close(); }
 // may find the doorbell of a writer that is gone; those who hear its connections end find the lock
 // free.
 void Control::close() noexcept {
+    letGo();
+    lock_.unlock();
+    doorbell_.reset();
+    directory_.reset();
+    role_ = Role::none;
+    nobodyListens_ = true;
+    lastFailure_.clear();
+    ++attachments_;
+}
+
+// Everything but the lock, and what stands for it.
+void Control::letGo() noexcept {
     if ( incarnation_.exists() && lock_.held() ) {
         Segments& segments = *incarnation_.segments();
         segments.flagsAre( segments.flags() & ~Segments::inUse_ );
@@ -167,16 +179,20 @@ void Control::close() noexcept {
     if ( doorbell_ ) {
         doorbell_->hide();
     }
-    lock_.unlock();
-    doorbell_.reset();
-    directory_.reset();
-    role_ = Role::none;
-    nobodyListens_ = true;
-    lastFailure_.clear();
-    ++attachments_;
 }
 
 void Control::cleanup() {
+    if ( lock_.held() ) { // nobody gets in between
+        try {
+            letGo();
+            Incarnation::remove( debug_, directory_, layout_ );
+        } catch ( ... ) {
+            close();
+            throw;
+        }
+        close();
+        return;
+    }
     close();
     const auto directory = std::make_shared< const Directory >( Directory::open( path() ) );
     if ( !directory->isOpen() ) {

@@ -136,6 +136,7 @@ bool Control::isReplaced() {
 void Control::replace() {
     const std::shared_ptr< const Directory > oldDirectory = std::move( directory_ );
     const Incarnation old = std::move( incarnation_ );
+    const U64 named = follower_->sequence();
     adopt( Incarnation() );
     caller_->hangUp();
     nobodyListens_ = true;
@@ -150,25 +151,29 @@ void Control::replace() {
         ++replacements_;
         handleAttached();
     }
-    ReaderTable oldTable( old.segments() );
     if ( role_ == Role::reader && notifying_ && attachment == attachments_ ) {
-        notifyVanished(
-            oldTable,
-            old.segments()->slotsMapped() ); // the other roles know by themselves what they had
+        notifyVanished( *old.segments(), named ); // the shadows know by themselves what they had
     }
     if ( failure ) {
         std::rethrow_exception( failure );
     }
 }
 
-// Of slots that were not mapped, no key was ever told. Old contents that are not sound are no
-// reason to miss the new ones.
-void Control::notifyVanished( ReaderTable& old, U32 slots ) {
+// Of slots that were not mapped, no key was ever told; of keys that went up to the change `named`,
+// that they went. Old contents that are not sound are no reason to miss the new ones.
+void Control::notifyVanished( Segments& old, U64 named ) {
     const U32 attachment = attachments_;
+    ReaderTable table( &old );
+    ShadowTable told( layout_.keyWords(), 0 ); // a key may have gone from several slots
     std::vector< U64 > key( layout_.keyWords() );
     try {
-        for ( U32 index = 0; index < slots && attachment == attachments_; ++index ) {
-            if ( old.look( index, key.data() ).isOccupied() && !table_.contains( key.data() ) ) {
+        for ( U32 index = 0; index < old.slotsMapped() && attachment == attachments_; ++index ) {
+            const SlotVersion version = table.look( index, key.data() );
+            const bool went = version.state() == SlotVersion::dead && !version.writing() &&
+                              version.sequence() > named;
+            if ( ( version.isOccupied() || went ) && !told.find( key.data() ) &&
+                 !table_.contains( key.data() ) ) {
+                told.occupied( index, key.data(), nullptr );
                 handleChanged( key.data(), false );
             }
         }
@@ -253,7 +258,7 @@ void Control::waitFor( bool more ) {
     }
     if ( more ) {
         timer_->setTimeout( 0 );
-    } else if ( connected() && lastFailure_.empty() ) {
+    } else if ( connected() && ( caller_->armed() || !notifying_ ) && lastFailure_.empty() ) {
         timer_->delTimeout();
     } else if ( !nobody || !lastFailure_.empty() ) {
         timer_->setTimeout( pollTime_ );

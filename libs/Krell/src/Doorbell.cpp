@@ -62,6 +62,9 @@ void Doorbell::hide() noexcept {
 
 void Doorbell::close() noexcept {
     hide();
+    for ( const auto& connection : connections_ ) {
+        connection->hangUp();
+    }
     if ( fdControl_ ) {
         fdControl_->delFd();
     }

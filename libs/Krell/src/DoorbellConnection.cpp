@@ -190,6 +190,12 @@ U64 DoorbellConnection::ticket() const noexcept {
     return armed == DoorbellPage::awake_ ? kickedFor_ : armed;
 }
 
+void DoorbellConnection::hangUp() noexcept {
+    if ( socket_ ) {
+        ::shutdown( socket_.get(), SHUT_RDWR );
+    }
+}
+
 bool DoorbellConnection::kick() noexcept {
     const char byte = 1;
     kickedFor_ = ticket();

@@ -71,7 +71,8 @@ bool QueueReader::beginDrain() {
         wild( "a head that went back to position", end_ );
     }
     if ( end_ != position_ ) {
-        lastSlot_ = QueueEntry( loadAcquire( segment_->place( end_ - 1 ) ) ).slot();
+        const U64* const last = segment_->place( end_ - 1 );
+        lastSlot_ = QueueEntry( loadAcquire( last ) ).slot(); // SYNC( queue-entry )
     }
     draining_ = true;
     return true;

@@ -100,6 +100,12 @@ void WriterUnlockSm::handleDisconnected() {
     lookAgain();
 }
 
+// It may have begun to listen.
+void WriterUnlockSm::handleDirectoryChanged() {
+    mayCall_ = true;
+    lookAgain();
+}
+
 // The lock is let go of just after the sign of it; that is waited for once with each holder.
 void WriterUnlockSm::hurry() {
     if ( !hurried_ ) {
