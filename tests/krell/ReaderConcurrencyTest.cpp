@@ -103,7 +103,7 @@ TEST( ReaderConcurrencyTest, ThreadsReadWholeValuesBesideAWriter ) {
     }
     std::atomic< bool > enough { false };
     Counts counts[ 2 ];
-    std::atomic< U64 > visits { 0 };
+    std::atomic< U64 > visits[ 2 ] {};
     const auto read = [ & ]( unsigned who ) {
         Krell::ReaderTable table( incarnation.segments() );
         for ( U64 n = 0; !enough; ++n ) {
@@ -117,13 +117,13 @@ TEST( ReaderConcurrencyTest, ThreadsReadWholeValuesBesideAWriter ) {
                     seen += key[ 0 ] < pinned;
                 } );
                 counts[ who ].missed += seen != pinned;
-                ++visits;
+                ++visits[ who ];
             }
         }
     };
     std::thread readers[ 2 ] = { std::thread( read, 0 ), std::thread( read, 1 ) };
     std::mt19937_64 random( seedOfRun() );
-    for ( U64 i = 0; i < 100000 || visits < 8; ++i ) {
+    for ( U64 i = 0; i < 100000 || visits[ 0 ] < 4 || visits[ 1 ] < 4; ++i ) {
         const U64 n = random() % keys;
         if ( n >= pinned && random() % 2 ) {
             writer.del< 2 >( keyOf( n ).data() );

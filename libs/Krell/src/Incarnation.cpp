@@ -125,10 +125,11 @@ bool Incarnation::tryAttach( Platform::DebugHandler& handler,
     if ( !segments_->attach( Dov::SharedMem::readOnly, reason_ ) ) {
         return false;
     }
-    if ( !segments_->headersAreValid( 0, reason_ ) ) {
+    const bool complete = segments_->stampsAreSame();
+    if ( complete && !segments_->headersAreValid( 0, reason_ ) ) {
         throw CorruptionDetectedException( reason_ );
     }
-    if ( segments_->fenix() != fenix_ ) {
+    if ( !complete || segments_->fenix() != fenix_ ) {
         reason_ = directory->path() + ": a new incarnation is not complete";
         return false;
     }

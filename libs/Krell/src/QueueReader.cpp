@@ -74,6 +74,7 @@ bool QueueReader::beginDrain() {
         const U64* const last = segment_->place( end_ - 1 );
         lastSlot_ = QueueEntry( loadAcquire( last ) ).slot(); // SYNC( queue-entry )
     }
+    lastTold_ = false;
     draining_ = true;
     return true;
 }
@@ -98,9 +99,13 @@ SlotVersion QueueReader::versionAt( U32 slot ) const {
 // Whether this entry is the one that speaks for its slot in the drain under way. The entries of new
 // changes stand in their order, so everything up to its own is `told` by its report.
 //
-// The last change's slot may have two entries that are no tombstones, for its former one becomes a
-// tombstone after the mark. Nothing is lost by passing over a change behind the end.
+// The slot of the last entry may have another one here: a former one becomes a tombstone after the
+// mark, and a moved one stands in both its places until the tail is stored. Whichever is met first
+// speaks for it.
 bool QueueReader::isNews( QueueEntry entry, U64& told ) {
+    if ( lastTold_ && position_ == end_ - 1 ) {
+        return false;
+    }
     if ( entry.tombed() ) {
         const bool later = S32( entry.sequence() - U32( endSequence_ ) ) > 0;
         counts_.tombed += !later;
@@ -112,7 +117,7 @@ bool QueueReader::isNews( QueueEntry entry, U64& told ) {
     }
     const U64 now = versionAt( entry.slot() ).sequence();
     if ( now > endSequence_ ) {
-        return entry.slot() != lastSlot_ || position_ == end_ - 1;
+        return true;
     }
     if ( now <= sequence_ || U32( now ) != entry.sequence() ) {
         return false;

@@ -65,10 +65,15 @@ bool ReaderTable::contains( const U64* key ) {
     const U32 words = segments_->layout().keyWords();
     return search( hashWords( key, words ), [ & ]( U32 index ) {
         const SlotHead* const slot = segments_->slot( index );
-        const bool same = versionOf( slot ).isOccupied() &&
-                          equalWords( payloadOf( slot ), key, words ) &&
-                          versionOf( slot ).isOccupied();
-        return same ? Walk::found : Walk::absent;
+        for ( U32 patience = patience_;; startOver( patience ) ) {
+            const SlotVersion seen = versionOf( slot );
+            if ( !seen.isOccupied() || !equalWords( payloadOf( slot ), key, words ) ) {
+                return Walk::absent;
+            }
+            if ( versionOf( slot ) == seen ) {
+                return Walk::found;
+            }
+        }
     } );
 }
 

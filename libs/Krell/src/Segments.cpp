@@ -233,6 +233,12 @@ bool Segments::layoutIsSame() const {
            slots.valueSize == layout_.valueSize && slots.layoutHash == layout_.hash;
 }
 
+bool Segments::stampsAreSame() const noexcept {
+    const char* const start = static_cast< const char* >( bucketsMem_->address() );
+    return !header_ || !start || bucketsMem_->memSize() < sizeof( BucketsHeader ) ||
+           load32( start + offsetof( BucketsHeader, fenix ) ) == fenix();
+}
+
 bool Segments::headersAreValid( U32 fenix, std::string& why ) {
     if ( !header_ ) {
         why = slotsMem_->path() + ": " + std::to_string( slotsMem_->memSize() ) +

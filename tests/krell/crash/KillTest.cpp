@@ -40,6 +40,7 @@ TEST_P( KillTest, TheNextWriterFindsTheStateBeforeOrAfter ) {
         ASSERT_EQ( listedBy( reader ).size(), 120U );
         ASSERT_EQ( seenBy( reader ), Contents() );
     }
+    RecordProperty( "kills", int( kills ) );
     ASSERT_GE( kills, stride == 1 ? 2U : 1U );
 }
 
@@ -65,6 +66,7 @@ TEST_P( KillTest, ReadersAreNotBlockedByAStoppedWriter ) {
         ASSERT_THROW( second.asWriter(), Krell::DuplicateWriterException );
         fromLookaside += reader.readerCounters().usedLookaside;
     }
+    RecordProperty( "stops", int( stops ) );
     ASSERT_GE( stops, stride == 1 ? 2U : 1U );
     const bool updates = std::string( change.name ).find( "Update" ) == 0 ||
                          std::string( change.name ).find( "SecondUpdate" ) == 0;
@@ -109,6 +111,7 @@ TEST_P( KillTest, FollowersEndWithWhatTheNextWriterHas ) {
         ASSERT_TRUE( viewOf( shadow ) == listedBy( next ) );
         ASSERT_EQ( shadow.failures, std::vector< std::string >() );
     }
+    RecordProperty( "kills", int( kills ) );
     ASSERT_GE( kills, 2U );
 }
 
@@ -149,6 +152,7 @@ TEST_P( KillTest, ARecoveryThatIsKilledIsFollowedByAnother ) {
             break;
         }
     }
+    RecordProperty( "kills", int( kills ) );
     ASSERT_GE( kills, stride == 1 ? 10U : 1U );
 }
 
