@@ -52,8 +52,7 @@ void Doorbell::open( std::shared_ptr< const Directory > directory ) {
 // A forked child leaves the file alone.
 void Doorbell::hide() noexcept {
     struct stat status;
-    if ( isOpen() &&
-         ::fstatat( directory_->fd(), fileName_, &status, AT_SYMLINK_NOFOLLOW ) == 0 &&
+    if ( isOpen() && ::fstatat( directory_->fd(), fileName_, &status, AT_SYMLINK_NOFOLLOW ) == 0 &&
          status.st_dev == id_.device && status.st_ino == id_.inode ) {
         ::unlinkat( directory_->fd(), fileName_, 0 );
     }
