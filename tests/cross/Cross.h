@@ -27,4 +27,7 @@ inline void put( KrellTest::TestCollection& writer, U64 n, U64 seed ) {
     writer.writer().put< keyWords, valueWords >( keyOf( n ).data(), value.data() );
 }
 
+// The last key that "follow" writes.
+constexpr U64 lastKey = 100000;
+
 } // namespace CrossTest

@@ -101,6 +101,12 @@ TEST_P( CrossTest, ValuesAreWholeBesideAWriterFlatOut ) {
     EXPECT_EQ( run( reader, "flat" ), 0 );
 }
 
+TEST_P( CrossTest, AShadowEndsWithTheWritersLastState ) {
+    Program followed( writer, root.path(), "follow" );
+    ASSERT_TRUE( followed.waitForWord() );
+    EXPECT_EQ( run( reader, "follow" ), 0 );
+}
+
 INSTANTIATE_TEST_SUITE_P( Widths,
                           CrossTest,
                           testing::Values( Pairing { "SameAndSame", false, false },

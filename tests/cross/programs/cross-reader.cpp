@@ -3,13 +3,17 @@
 //   check     the entries of "fill" are there, key by key and by iteration
 //   takeover  as the next writer: the same, then one entry more
 //   flat      values stay whole under "flat"
+//   follow    a shadow that is called by "follow" ends with what that wrote
 //
 // Exit status 0 when that is so; else a line says what is wrong.
 
 #include <cstdio>
 #include <cstdlib>
 
+#include <QelKrell/MountStatus>
+
 #include "cross/Cross.h"
+#include "krell/DoorbellSupport.h"
 
 using namespace CrossTest;
 
@@ -55,11 +59,40 @@ int readFlat( KrellTest::TestCollection& c ) {
     return 0;
 }
 
+bool isSameInView( KrellTest::TestCollection& c, const U64* key, const U64* value ) {
+    const U64* const copy = c.view()->find( key );
+    return copy && std::equal( value, value + valueWords, copy );
+}
+
+int follow( KrellTest::TestCollection& c ) {
+    c.init( QelKrell::shadow, false, 0 );
+    while ( c.mountStatus() != QelKrell::connected ) {
+        KrellTest::fireTimers();
+        KrellTest::turn( 1 );
+    }
+    constexpr int stuckMs = 20000;
+    while ( !c.view()->find( keyOf( lastKey ).data() ) ) {
+        if ( KrellTest::fireTimers() == 0 && KrellTest::turn( stuckMs ) == 0 ) {
+            return wrong( "not woken after", c.readerCounters().conquerSequence );
+        }
+    }
+    U32 entriesThere = 0;
+    bool same = true;
+    c.table().forEach< keyWords, valueWords >( [ & ]( const U64* key, const U64* value ) {
+        ++entriesThere;
+        same = same && isSameInView( c, key, value );
+    } );
+    if ( !same || c.view()->size() != entriesThere || entriesThere < 100 ) {
+        return wrong( "another view of", entriesThere );
+    }
+    return c.failures.empty() ? 0 : wrong( "failures", c.failures.size() );
+}
+
 } // namespace
 
 int main( int argc, char** argv ) {
     if ( argc != 3 ) {
-        std::fprintf( stderr, "usage: cross-reader ROOT check|takeover|flat\n" );
+        std::fprintf( stderr, "usage: cross-reader ROOT check|takeover|flat|follow\n" );
         return 2;
     }
     ::setenv( "KRELL_ROOT", argv[ 1 ], 1 );
@@ -71,6 +104,9 @@ int main( int argc, char** argv ) {
             const int result = check( c );
             put( c, entries, 1 );
             return result ? result : ( c.validate() ? 0 : wrong( "not valid", 1 ) );
+        }
+        if ( command == "follow" ) {
+            return follow( c );
         }
         c.asReader();
         if ( !c.mountStatus() ) {

@@ -3,8 +3,10 @@
 //   fill    entries 0 to 499, every seventh deleted again; then ends
 //   kill    as fill, and dies of SIGKILL while it is the writer
 //   flat    updates entries 0 to 3 until it is killed
+//   follow  waits until a reader is connected, inserts, updates and deletes entries, the last one
+//           last, and turns its loop until it is killed
 //
-// Prints a line when it is done (fill, kill) or at work (flat).
+// Prints a line when it is done (fill, kill) or at work (flat, follow).
 
 #include <cstdio>
 #include <cstdlib>
@@ -14,12 +16,39 @@
 #include <unistd.h>
 
 #include "cross/Cross.h"
+#include "krell/DoorbellSupport.h"
 
 using namespace CrossTest;
 
+namespace {
+
+[[noreturn]] void beFollowed( KrellTest::TestCollection& writer ) {
+    std::puts( "at work" );
+    std::fflush( stdout );
+    while ( writer.doorbell()->connections() == 0 ) {
+        KrellTest::turn( -1 );
+    }
+    U64 random = 1;
+    for ( U64 n = 0; n < 50000; ++n ) {
+        random = random * 6364136223846793005u + 1442695040888963407u;
+        const U64 key = ( random >> 33 ) % ( 10 + n / 100 ); // the tables and the queue grow
+        if ( ( random >> 60 ) % 4 == 0 ) {
+            writer.writer().del< keyWords >( keyOf( key ).data() );
+        } else {
+            put( writer, key, n );
+        }
+    }
+    put( writer, lastKey, 1 );
+    for ( ;; ) {
+        KrellTest::turn( -1 );
+    }
+}
+
+} // namespace
+
 int main( int argc, char** argv ) {
     if ( argc != 3 ) {
-        std::fprintf( stderr, "usage: cross-writer ROOT fill|kill|flat\n" );
+        std::fprintf( stderr, "usage: cross-writer ROOT fill|kill|flat|follow\n" );
         return 2;
     }
     ::setenv( "KRELL_ROOT", argv[ 1 ], 1 );
@@ -36,6 +65,9 @@ int main( int argc, char** argv ) {
             for ( U64 n = 0;; ++n ) {
                 put( writer, n % 4, n );
             }
+        }
+        if ( command == "follow" ) {
+            beFollowed( writer );
         }
         for ( U64 n = 0; n < entries; ++n ) {
             put( writer, n, n + 1 );
