@@ -183,6 +183,9 @@ bool QueueReader::findNews() {
         if ( read( from, end_, batch ) ) {
             collect( batch );
             from += batch.size;
+            if ( found_.size() > 2 * segment_->places() ) {
+                putInOrder(); // a writer that moves the end on and on costs no more memory
+            }
             continue;
         }
         disturbed( patience );
