@@ -25,9 +25,9 @@ namespace {
 constexpr unsigned words = 4;
 constexpr U64 changesAtLeast = 100000;
 constexpr U64 changesAtMost = 4000000;
-constexpr U64 pinned = 8;    // keys that are always there
-constexpr U64 churning = 40; // keys that come and go
-constexpr U64 growing = 600; // keys that come one by one
+constexpr U64 pinned = 8;     // keys that are always there
+constexpr U64 churning = 40;  // keys that come and go
+constexpr U64 growing = 1900; // keys that come one by one
 // ThreadSanitizer takes a mapping where another thread had one before for a race with that one's.
 #ifdef __SANITIZE_THREAD__
 constexpr bool threadsMap = false;
@@ -366,7 +366,7 @@ TEST( FollowConcurrencyTest, ASearchBesideTheWriterNamesEachSlotOnce ) {
     TestRoot root;
     const Krell::Layout layout = layoutOf( 1, words );
     TestCollection writer( layout );
-    constexpr U32 slots = 30; // the queue has 64 places
+    constexpr U32 slots = 30; // the queue has a page of places
     writer.asWriter( slots );
     for ( U64 key = 0; key < slots; ++key ) {
         writer.writer().put< 1, words >( &key, wholeValue< words >( key ).data() );

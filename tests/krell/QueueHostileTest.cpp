@@ -32,12 +32,12 @@ struct Outcome {
     U64 told = 0;
 };
 
-// A queue of 128 places that went round several times; 30 keys, and 20 that came and went.
+// A queue that went round several times; 30 keys, and 20 that came and went.
 class QueueHostileTest : public testing::Test {
 protected:
     QueueHostileTest() {
         QueueWriterSide writer( place, slots );
-        for ( U64 n = 0; n < 300; ++n ) {
+        for ( U64 n = 0; n < 400; ++n ) {
             writer.put( n % 30, n );
             writer.put( 30 + n % 20, n );
             writer.del( 30 + n % 20 );
@@ -45,9 +45,12 @@ protected:
         writer.expectSound();
         head = writer.head();
         tail = writer.tail();
+        round = writer.round();
+        roundBefore = writer.roundBefore();
         places = writer.queue().places();
         file = writer.file();
         bytes = bytesOf( file );
+        EXPECT_TRUE( roundBefore < tail && tail < round && round < head );
     }
     // Restores the queue, but for `changes`.
     template < class F >
@@ -65,7 +68,15 @@ protected:
         bytes.copy( reinterpret_cast< char* >( &value ), sizeof value, at );
         return value;
     }
-    std::size_t placeAt( U64 position ) const { return entriesAt + 8 * ( position % places ); }
+    std::size_t placeAt( U64 position ) const {
+        return entriesAt + 8 * ( position - ( position < round ? roundBefore : round ) );
+    }
+    // The checksum as it should be.
+    static void seal( std::string& bytes ) {
+        const std::size_t from = offsetof( QueueHeader, generation );
+        set( bytes, offsetof( QueueHeader, checksum ),
+             U32( Krell::Util::hash( bytes.data() + from, unsigned( markAt - from ) ) ) );
+    }
 
     // Drains until nothing is new, or an exception. Each drain tells a bounded number of slots.
     Outcome drain( QueueReaderSide& reader ) const {
@@ -112,6 +123,8 @@ protected:
     QueuePlace place;
     U64 head = 0;
     U64 tail = 0;
+    U64 round = 0;
+    U64 roundBefore = 0;
     U64 places = 0;
     std::string file;
     std::string bytes;
@@ -127,7 +140,7 @@ TEST_F( QueueHostileTest, EveryFlippedByteOfTheHeaderIsRefusedOrHarmless ) {
                 expectAbsent();
             } else if ( at < markAt ) {
                 expectCorrupt( file );
-            } else if ( at < tailAt + 8 ) {
+            } else if ( at < offsetof( QueueHeader, rest ) ) {
                 expectHarmless( newcomer() );
             } else {
                 EXPECT_EQ( newcomer().told, slots );
@@ -137,16 +150,15 @@ TEST_F( QueueHostileTest, EveryFlippedByteOfTheHeaderIsRefusedOrHarmless ) {
 }
 
 TEST_F( QueueHostileTest, AHeaderWithARightChecksumIsStillCheckedForItsSize ) {
-    const std::size_t log2At = offsetof( QueueHeader, log2Places );
-    for ( const U32 log2 : { 0U, 5U, 8U, 20U, 31U, 32U, 63U, 64U, 255U, 0xffffffffU } ) {
-        SCOPED_TRACE( log2 );
+    const std::size_t placesAt = offsetof( QueueHeader, places );
+    for ( const U32 wrong : { U32( 0 ), U32( 1 ), U32( 63 ), U32( places + 1 ), 0x7fffffffU,
+                              0x80000000U, 0xffffffffU } ) {
+        SCOPED_TRACE( wrong );
         store( [ & ]( std::string& b ) {
-            set( b, log2At, log2 );
-            const std::size_t from = offsetof( QueueHeader, generation );
-            set( b, offsetof( QueueHeader, checksum ),
-                 U32( Krell::Util::hash( b.data() + from, unsigned( markAt - from ) ) ) );
+            set( b, placesAt, wrong );
+            seal( b );
         } );
-        expectCorrupt( "number of places, 2 to the power: " + std::to_string( log2 ) );
+        expectCorrupt( "number of places: " + std::to_string( wrong ) );
     }
 }
 
@@ -156,9 +168,7 @@ TEST_F( QueueHostileTest, AnOrderThatIsNoneLosesNoneOrIsHarmless ) {
     for ( const U64 sortedEnd : { U64( 0 ), U64( 1 ), tail + 7, head, head + 1, ~U64( 0 ) } ) {
         store( [ & ]( std::string& b ) {
             set( b, offsetof( QueueHeader, sortedEnd ), sortedEnd );
-            const std::size_t from = offsetof( QueueHeader, generation );
-            set( b, offsetof( QueueHeader, checksum ),
-                 U32( Krell::Util::hash( b.data() + from, unsigned( markAt - from ) ) ) );
+            seal( b );
         } );
         EXPECT_EQ( newcomer().told, slots );
         expectHarmless( drain( reader ) );
@@ -173,9 +183,7 @@ TEST_F( QueueHostileTest, AStampOrAGenerationOfOthersAndAMissingFileAreNoCorrupt
     // Another generation's file under this one's name.
     store( [ & ]( std::string& b ) {
         set( b, offsetof( QueueHeader, generation ), U32( 77 ) );
-        const std::size_t from = offsetof( QueueHeader, generation );
-        set( b, offsetof( QueueHeader, checksum ),
-             U32( Krell::Util::hash( b.data() + from, unsigned( markAt - from ) ) ) );
+        seal( b );
     } );
     expectAbsent();
     store( []( std::string& ) {} );
@@ -240,7 +248,7 @@ TEST_F( QueueHostileTest, AFollowingReaderMeetsAWildSlotAsCorruption ) {
     writer.put( 1, 7 );
     writer.put( 2, 7 );
     MappedFile mapped( writer.file() );
-    U64& entry = mapped.word( entriesAt + 8 * ( ( writer.head() - 1 ) % writer.queue().places() ) );
+    U64& entry = mapped.word( writer.placeAt( writer.head() - 1 ) );
     const U64 whole = entry;
     entry = QueueEntry( 12345, writer.table.sequence() ).word();
     const Outcome outcome = drain( reader );
@@ -277,6 +285,57 @@ TEST_F( QueueHostileTest, AHeadFarAwayAndATailThatGoesBackAreCorruption ) {
         EXPECT_EQ( outcome.thrown, "CorruptionDetectedException" );
         EXPECT_NE( outcome.message.find( "a head that went back" ), std::string::npos );
     }
+}
+
+// A newcomer's drain and a follower's, with every pair of wrong starts: an exception that names
+// what was wrong, or an end, in bounded time.
+TEST_F( QueueHostileTest, RoundsOfNonsenseAreRefusedOrHarmless ) {
+    const U64 starts[] = {
+        0,         1,    tail,     roundBefore,   roundBefore + 1, round,          round - 1,
+        round + 1, head, head + 1, head + places, U64( 1 ) << 31,  U64( 1 ) << 32, U64( 1 ) << 63,
+        ~U64( 0 )
+    };
+    unsigned refused = 0;
+    for ( const U64 first : starts ) {
+        for ( const U64 second : starts ) {
+            SCOPED_TRACE( std::to_string( first ) + ", " + std::to_string( second ) );
+            store( []( std::string& ) {} );
+            QueueReaderSide follower( place );
+            follower.some( 7 );
+            MappedFile mapped( file );
+            mapped.word( offsetof( QueueHeader, round ) ) = first;
+            mapped.word( offsetof( QueueHeader, roundBefore ) ) = second;
+            const Outcome outcome = newcomer();
+            expectHarmless( outcome );
+            refused += !outcome.thrown.empty();
+            expectHarmless( drain( follower ) );
+            if ( first == round && second == roundBefore ) {
+                EXPECT_EQ( outcome.told, slots );
+            }
+        }
+    }
+    EXPECT_GT( refused, 100U );
+}
+
+TEST_F( QueueHostileTest, PositionsOfNoRoundAndOfNoPlaceAreNamed ) {
+    const auto with = [ & ]( U64 present, U64 before ) {
+        store( [ & ]( std::string& b ) {
+            set( b, offsetof( QueueHeader, round ), present );
+            set( b, offsetof( QueueHeader, roundBefore ), before );
+        } );
+    };
+    with( round, tail + 1 );
+    expectCorrupt( "no round of position " + std::to_string( tail ) );
+    with( head + 1, head + 1 );
+    expectCorrupt( "no round of position " + std::to_string( tail ) );
+    with( tail - places, roundBefore );
+    expectCorrupt( "no place for position " + std::to_string( tail ) );
+    with( 0, 0 );
+    expectCorrupt( "no place for position " + std::to_string( tail ) );
+    with( round, 0 );
+    expectCorrupt( "no place for position " + std::to_string( tail ) );
+    with( head + places, head - 1 - places );
+    expectCorrupt( "no place for position " );
 }
 
 TEST_F( QueueHostileTest, SequencesOfNonsenseAreHarmless ) {
@@ -335,7 +394,7 @@ TEST_F( QueueHostileTest, RandomChangesUnderAReaderAreRefusedOrHarmless ) {
             for ( unsigned n = random() % 5 + 1; n > 0; --n ) {
                 const bool header = random() % 3 == 0;
                 const std::size_t at =
-                    header ? markAt + 8 * ( random() % 2 )
+                    header ? markAt + 8 * ( random() % 4 )
                            : entriesAt + random() % ( mapped.size() - entriesAt ) / 8 * 8;
                 switch ( random() % 4 ) {
                 case 0:

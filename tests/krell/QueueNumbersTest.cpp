@@ -129,7 +129,7 @@ TEST_F( QueueNumbersTest, PositionsPassTheEndsOfTheirLowHalves ) {
         QueueWriterSide writer( here, 7 );
         writer.put( 0, 1 );
         writer.put( 6, 1 );
-        writer.passes( start - 10 * writer.queue().places() );
+        writer.passes( start - 1000 );
         writer.put( 0, 2 );
         Walk walk( writer, here, seed );
         walk.steps( 3000, 7 );

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <numeric>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -65,12 +66,17 @@ struct Reach {
 };
 #define KRELL_TEST_REACH( NAME, CLASS, TYPE, MEMBER )                                              \
     struct NAME {                                                                                  \
+        using Type = TYPE;                                                                         \
         using Member = TYPE Krell::CLASS::*;                                                       \
         friend Member reach( NAME );                                                               \
     };                                                                                             \
     template struct Reach< NAME, &Krell::CLASS::MEMBER >
 KRELL_TEST_REACH( QueueHead, QueueWriter, U64, head_ );
 KRELL_TEST_REACH( QueueTail, QueueWriter, U64, tail_ );
+KRELL_TEST_REACH( QueueRound, QueueWriter, U64, round_ );
+KRELL_TEST_REACH( QueueRoundBefore, QueueWriter, U64, roundBefore_ );
+KRELL_TEST_REACH( QueuePause, QueueWriter, U64, pause_ );
+KRELL_TEST_REACH( QueuePlaces, QueueWriter, Krell::QueueNewest, newest_ );
 KRELL_TEST_REACH( QueueSequence, QueueWriter, U64, sequence_ );
 KRELL_TEST_REACH( TableSequence, WriterTable, U64, sequence_ );
 #undef KRELL_TEST_REACH
@@ -110,19 +116,25 @@ public:
     Krell::Segments& segments() const { return *incarnation.segments(); }
     U64 head() { return number( QueueHead() ); }
     U64 tail() { return number( QueueTail() ); }
+    // The positions in place 0, of this round and of the one before.
+    U64 round() { return number( QueueRound() ); }
+    U64 roundBefore() { return number( QueueRoundBefore() ); }
+    // Where a valid position stands in the file, in bytes.
+    std::size_t placeAt( U64 position );
 
     // As if that many changes had been made, all to one slot, which is changed once more at least
-    // before a reader looks. A multiple of the places.
+    // before a reader looks.
     void passes( U64 changes );
 
-    // Each slot that was ever used has exactly one live entry, where the slot says.
+    // Each slot that was ever used has exactly one live entry, where the writer notes it, and there
+    // is room to move others.
     void expectSound();
 
 private:
     QueuePlace& place_;
     Krell::QueueWriter& inside() { return const_cast< Krell::QueueWriter& >( queue() ); }
     template < class Name >
-    U64& number( Name name ) {
+    typename Name::Type& number( Name name ) {
         return inside().*reach( name );
     }
 
@@ -131,9 +143,13 @@ public:
     Krell::WriterTable table;
 };
 
+inline std::size_t QueueWriterSide::placeAt( U64 position ) {
+    return sizeof( Krell::QueueHeader ) +
+           8 * std::size_t( position - ( position < round() ? roundBefore() : round() ) );
+}
+
 inline void QueueWriterSide::passes( U64 changes ) {
     MappedFile queue( file() );
-    ASSERT_EQ( changes % inside().places(), 0U );
     for ( std::size_t at = sizeof( Krell::QueueHeader ); at < queue.size(); at += 8 ) {
         const Krell::QueueEntry entry( queue.word( at ) );
         if ( entry.tombed() ) {
@@ -141,15 +157,17 @@ inline void QueueWriterSide::passes( U64 changes ) {
             queue.word( at ) = Krell::QueueEntry::tombstone( entry.slot(), later ).word();
         }
     }
-    for ( U32 index = 0; index < segments().slotCount(); ++index ) {
-        segments().slot( index )->queuePosition += U32( changes );
-    }
     number( QueueHead() ) += changes;
     number( QueueTail() ) += changes;
+    number( QueueRound() ) += changes;
+    number( QueueRoundBefore() ) += changes;
+    number( QueuePause() ) += changes;
     number( QueueSequence() ) += changes;
     table.*reach( TableSequence() ) += changes;
     *segments().sequenceWord() += changes;
     queue.word( offsetof( Krell::QueueHeader, tail ) ) = tail();
+    queue.word( offsetof( Krell::QueueHeader, round ) ) = round();
+    queue.word( offsetof( Krell::QueueHeader, roundBefore ) ) = roundBefore();
     queue.word( offsetof( Krell::QueueHeader, mark ) ) =
         Krell::QueueMark( table.sequence(), head() ).word();
 }
@@ -158,19 +176,29 @@ inline void QueueWriterSide::expectSound() {
     MappedFile queue( file() );
     const U64 places = inside().places();
     ASSERT_EQ( queue.word( offsetof( Krell::QueueHeader, tail ) ), tail() );
+    ASSERT_EQ( queue.word( offsetof( Krell::QueueHeader, round ) ), round() );
+    ASSERT_EQ( queue.word( offsetof( Krell::QueueHeader, roundBefore ) ), roundBefore() );
     ASSERT_EQ( queue.word( offsetof( Krell::QueueHeader, mark ) ),
                Krell::QueueMark( table.sequence(), head() ).word() );
-    ASSERT_LT( head() - tail(), places );
-    ASSERT_GE( places, U64( 2 ) * segments().slotCount() );
+    ASSERT_EQ( queue.size(), sizeof( Krell::QueueHeader ) + 8 * places );
+    ASSERT_GE( places, Krell::QueueSegment::placesFor( segments().slotCount() ) );
+    ASSERT_LE( roundBefore(), tail() );
+    ASSERT_LE( round(), head() );
+    ASSERT_LE( head() - round(), places );
+    ASSERT_LE( head() - tail(), places );
+    ASSERT_GE( inside().room(), U64( Krell::QueueSegment::run_ ) );
     std::map< U32, unsigned > live;
+    std::set< std::size_t > met;
     for ( U64 position = tail(); position != head(); ++position ) {
-        const Krell::QueueEntry entry(
-            queue.word( sizeof( Krell::QueueHeader ) + 8 * ( position % places ) ) );
+        const std::size_t at = placeAt( position );
+        ASSERT_TRUE( met.insert( at ).second ) << "two positions in one place";
+        const Krell::QueueEntry entry( queue.word( at ) );
         ASSERT_LT( entry.slot(), segments().slotCount() );
         if ( !entry.tombed() ) {
             ++live[ entry.slot() ];
+            const U32 place = number( QueuePlaces() )[ entry.slot() ];
+            ASSERT_EQ( sizeof( Krell::QueueHeader ) + 8 * std::size_t( place ), at );
             const Krell::SlotHead* const slot = segments().slot( entry.slot() );
-            ASSERT_EQ( slot->queuePosition, U32( position ) );
             ASSERT_EQ( entry.sequence(), U32( Krell::versionOf( slot ).sequence() ) );
         }
     }

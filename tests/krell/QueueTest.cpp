@@ -18,7 +18,7 @@ namespace {
 
 class QueueTest : public testing::Test {
 protected:
-    // Changes keys beyond those that the test looks at, until the ring went round `rounds` times.
+    // Changes keys beyond those that the test looks at, until the queue went round `rounds` times.
     static void lap( QueueWriterSide& writer, U64 key, unsigned rounds = 1 ) {
         const U64 until = writer.tail() + rounds * writer.queue().places();
         while ( writer.tail() < until ) {
@@ -208,7 +208,7 @@ TEST_F( QueueTest, AnEntryThatIsNotATombstoneYetIsToldOnce ) {
     writer.put( 1, 2 );
     // As between the last change's mark and the tombstone of its slot's former entry.
     MappedFile queue( writer.file() );
-    U64& entry = queue.word( sizeof( Krell::QueueHeader ) + 8 * former );
+    U64& entry = queue.word( writer.placeAt( former ) );
     const U64 buried = entry;
     ASSERT_TRUE( Krell::QueueEntry( buried ).tombed() );
     entry = Krell::QueueEntry( Krell::QueueEntry( buried ).slot(),
@@ -283,18 +283,18 @@ TEST_F( QueueTest, GrowthKeepsTheReadersPlace ) {
     reader.keys();
     const U64 places = writer.queue().places();
     writer.put( 0, 2 );
-    writer.table.reserve( 100 );
+    writer.table.reserve( 300 );
     EXPECT_GT( writer.queue().places(), places );
     writer.put( 1, 2 );
     EXPECT_TRUE( reader.queue.isPending() );
     EXPECT_EQ( reader.keys(), range( 0, 2 ) );
-    EXPECT_EQ( reader.queue.counts().resizes, 1U );
+    EXPECT_EQ( reader.queue.counts().resizes, 0U ) << "nothing stands in the new places yet";
     // In the middle of a drain, by inserting.
     for ( const U64 key : range( 0, 4 ) ) {
         writer.put( key, 3 );
     }
     EXPECT_EQ( reader.some( 2 ), range( 0, 2 ) );
-    for ( const U64 key : range( 10, 510 ) ) {
+    for ( const U64 key : range( 10, 1010 ) ) {
         writer.put( key, 1 );
     }
     EXPECT_GE( writer.queue().resizes(), 2U );
@@ -304,10 +304,10 @@ TEST_F( QueueTest, GrowthKeepsTheReadersPlace ) {
     const Keys more = reader.keys();
     told.insert( told.end(), more.begin(), more.end() );
     Keys wanted = { 2, 3 };
-    const Keys inserted = range( 10, 510 );
+    const Keys inserted = range( 10, 1010 );
     wanted.insert( wanted.end(), inserted.begin(), inserted.end() );
     EXPECT_EQ( told, wanted );
-    EXPECT_EQ( QueueReaderSide( place ).keys().size(), 504U );
+    EXPECT_EQ( QueueReaderSide( place ).keys().size(), 1004U );
     EXPECT_FALSE( std::filesystem::exists( place / "conquer.1" ) &&
                   std::filesystem::exists( place / "conquer.2" ) );
 }
@@ -317,7 +317,7 @@ TEST_F( QueueTest, OneGrowthIsNoRestart ) {
     writer.put( 1, 1 );
     QueueReaderSide reader( place );
     reader.keys();
-    lap( writer, 1, 3 ); // the place in the ring is not the position any more
+    lap( writer, 1, 3 );
     reader.keys();
     const U32 restarts = reader.queue.counts().restarts;
     for ( U32 slots = 64; slots <= 1024; slots *= 2 ) {
@@ -328,7 +328,8 @@ TEST_F( QueueTest, OneGrowthIsNoRestart ) {
         EXPECT_EQ( reader.keys(), ( Keys { 1, slots } ) );
     }
     EXPECT_EQ( reader.queue.counts().restarts, restarts );
-    EXPECT_EQ( reader.queue.counts().resizes, 5U );
+    EXPECT_EQ( writer.queue().resizes(), 2U );
+    EXPECT_LE( reader.queue.counts().resizes, writer.queue().resizes() );
 }
 
 TEST_F( QueueTest, AfterATakeoverThePlaceIsFoundByABinarySearch ) {
@@ -442,7 +443,7 @@ TEST_F( QueueTest, TheQueueIsBoundedWhateverTheNumberOfChanges ) {
     EXPECT_EQ( halfway.some( 7 ).size(), 7U );
     const U64 places = writer.queue().places();
     const auto bytes = std::filesystem::file_size( writer.file() );
-    ASSERT_EQ( places, 128U );
+    ASSERT_GE( places, slots * 3 / 2 + 64 );
     std::mt19937_64 random( 1 );
     for ( U64 n = 1; n <= changes; ++n ) {
         const U64 key = random() % 100 == 0 ? random() % 30 : random() % 3;

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <Krell/DoorbellFence>
+
+#include "krell/DoorbellSupport.h"
 #include "krell/RolesSupport.h"
 
 using namespace KrellTest;
@@ -70,6 +73,39 @@ TEST_P( EachRoleConnected, ASleeperThatLooksNoLongerLosesNothing ) {
         ASSERT_FALSE( timerOf( follower ).armed );
     }
     EXPECT_EQ( follower.readerCounters().conquerKicks, 50U );
+}
+
+// Its process may not make the call any more by which it saw to its writer's fence.
+TEST_P( EachRoleConnected, AFollowerThatLosesTheFenceLooksByItselfAndConnectsAgain ) {
+    constexpr int cannotRefuse = 77;
+    const int result = inChild( [ & ] {
+        writer.asWriter( 40 );
+        put( 1, 1 );
+        Listener follower( layout );
+        connect( follower, role() );
+        follower.takeChanges();
+        if ( !Krell::DoorbellFence::forAll() || writer.doorbell()->fences() != 0 ||
+             !refuseMembarrier( commandOfReaders, EPERM ) ) {
+            return cannotRefuse;
+        }
+        put( 2, 2 );
+        turnAll(); // it cannot go to sleep after that
+        const bool looks = follower.mountStatus() == 1 && timerOf( follower ).armed &&
+                           follower.takeChanges() == Changes { { 2, true } };
+        put( 3, 3 );
+        fireTimers();
+        turnAll();
+        const bool sleeps = follower.mountStatus() == 2 && !timerOf( follower ).armed &&
+                            follower.takeChanges() == Changes { { 3, true } };
+        put( 4, 4 );
+        turnAll();
+        const bool woken = follower.takeChanges() == Changes { { 4, true } };
+        return looks && sleeps && woken && writer.doorbell()->fences() == 1 ? 0 : 1;
+    } );
+    if ( result == cannotRefuse ) {
+        GTEST_SKIP() << "this system has no fence for all, or refuses nothing on demand";
+    }
+    EXPECT_EQ( result, 0 );
 }
 
 // Its own callback changes the collection before it goes to sleep.

@@ -11,6 +11,8 @@
 
 #include <Dov/Atomics>
 
+#include "KeepErrno.h"
+
 namespace Dov {
 
 namespace {
@@ -19,6 +21,7 @@ static_assert( sizeof( off_t ) == 8 && sizeof( ino_t ) == 8, "built with _FILE_O
 
 constexpr mode_t fileMode = 0640;
 constexpr std::size_t hugePage = std::size_t( 2 ) << 20;
+constexpr std::size_t leastRoom = std::size_t( 16 ) << 20; // of addresses, to grow in
 
 // posix_fallocate returns its error and leaves errno alone.
 int allocated( int fd, std::size_t from, std::size_t to ) {
@@ -33,10 +36,16 @@ int protection( SharedMem::Mode mode ) {
     return mode == SharedMem::readOnly ? PROT_READ : PROT_READ | PROT_WRITE;
 }
 
-void adviseHugePages( void* address, std::size_t size ) {
-    if ( size >= hugePage ) {
-        ::madvise( address, size, MADV_HUGEPAGE ); // advice: a kernel without it does as well
+// The addresses that a mapping of that size takes up, so that it can grow where it is.
+std::size_t withRoom( std::size_t size, bool exact ) {
+    if ( exact || sizeof( void* ) < 8 ) {
+        return size;
     }
+    return size + ( size > leastRoom ? size : leastRoom );
+}
+
+void adviseHugePages( void* address, std::size_t size ) {
+    ::madvise( address, size, MADV_HUGEPAGE ); // advice: a kernel without it does as well
 }
 
 // Extends a mapping of the file, or makes it anew elsewhere. ThreadSanitizer does not see mremap,
@@ -54,14 +63,6 @@ void* extended( int fd, void* address, std::size_t size, std::size_t newSize, in
     return ::mremap( address, size, newSize, MREMAP_MAYMOVE );
 #endif
 }
-
-class KeepErrno {
-public:
-    ~KeepErrno() { errno = kept_; }
-
-private:
-    int kept_ = errno;
-};
 
 } // namespace
 
@@ -109,24 +110,22 @@ void* SharedMem::attach( std::size_t size, Mode mode ) {
 void SharedMem::detach() noexcept {
     const KeepErrno keeper;
     if ( address_ ) {
-        ::munmap( address_, size_ );
+        ::munmap( address_, mapped_ );
         address_ = nullptr;
-        size_ = 0;
+        size_ = mapped_ = 0;
     }
     closeFile();
 }
 
 bool SharedMem::resize( std::size_t newSize ) {
-    if ( !address_ ) {
-        return failed( "resize", EINVAL, "is not attached" );
-    }
-    if ( mode_ == readOnly ) {
-        return failed( "resize", EBADF, "is attached for reading only" );
+    if ( !isWritable( "resize", size_ ) ) {
+        return false;
     }
     if ( newSize <= size_ ) {
         return true;
     }
-    const bool done = reopen( "resize", O_RDWR ) && allocate( size_, newSize ) && extend( newSize );
+    const bool done =
+        reopen( "resize", O_RDWR ) && allocateFile( size_, newSize ) && extend( newSize );
     closeFile();
     return done;
 }
@@ -203,7 +202,8 @@ bool SharedMem::openNew( std::size_t size ) {
         device_ = status.st_dev;
         inode_ = status.st_ino;
     }
-    if ( ( ::fchmod( fd_, fileMode ) == 0 || failed( "fchmod", errno ) ) && allocate( 0, size ) ) {
+    if ( ( ::fchmod( fd_, fileMode ) == 0 || failed( "fchmod", errno ) ) &&
+         allocateFile( 0, size ) ) {
         return true;
     }
     removeCreated();
@@ -235,6 +235,17 @@ bool SharedMem::reopen( const char* call, int flags ) {
     return fd_ >= 0 && ( isOurs( fd_ ) || failed( call, ESTALE, "now names another file" ) );
 }
 
+// Whether bytes up to `to` are mapped, for writing.
+bool SharedMem::isWritable( const char* call, std::size_t to ) {
+    if ( !address_ ) {
+        return failed( call, EINVAL, "is not attached" );
+    }
+    if ( mode_ == readOnly ) {
+        return failed( call, EBADF, "is attached for reading only" );
+    }
+    return to <= size_ || failed( call, EINVAL, "ends before byte " + std::to_string( to ) );
+}
+
 // Also notes which file it is, when nothing is mapped yet.
 bool SharedMem::sizeOfFile( std::size_t& size ) {
     struct stat status;
@@ -260,37 +271,58 @@ bool SharedMem::isOurs( int fd ) noexcept {
     return ::fstat( fd, &status ) == 0 && status.st_dev == device_ && status.st_ino == inode_;
 }
 
-bool SharedMem::allocate( std::size_t from, std::size_t to ) {
+bool SharedMem::allocateFile( std::size_t from, std::size_t to ) {
     const int error = to > std::size_t( PTRDIFF_MAX ) ? ENOMEM : allocated( fd_, from, to );
     return error == 0 || failed( "posix_fallocate", error );
 }
 
+// With room to grow in, where there are addresses for it.
 bool SharedMem::map( std::size_t size ) {
-    void* at = ::mmap( nullptr, size, protection( mode_ ), MAP_SHARED, fd_, 0 );
+    std::size_t length = withRoom( size, lockPages_ );
+    void* at = ::mmap( nullptr, length, protection( mode_ ), MAP_SHARED, fd_, 0 );
+    if ( at == MAP_FAILED && length > size ) {
+        length = size;
+        at = ::mmap( nullptr, length, protection( mode_ ), MAP_SHARED, fd_, 0 );
+    }
     if ( at == MAP_FAILED ) {
         return failed( "mmap", errno );
     }
     if ( lockPages_ && ::mlock( at, size ) != 0 ) {
         failed( "mlock", errno );
-        ::munmap( at, size );
+        ::munmap( at, length );
         return false;
     }
-    adviseHugePages( at, size );
     address_ = at;
-    size_ = size;
+    mapped_ = length;
+    sizeIs( size );
     return true;
 }
 
 // The file has `newSize` bytes already.
 bool SharedMem::extend( std::size_t newSize ) {
-    void* at = extended( fd_, address_, size_, newSize, protection( mode_ ) );
-    if ( at == MAP_FAILED ) {
-        return failed( "mremap", errno );
+    if ( newSize > mapped_ ) {
+        std::size_t length = withRoom( newSize, lockPages_ );
+        void* at = extended( fd_, address_, mapped_, length, protection( mode_ ) );
+        if ( at == MAP_FAILED && length > newSize ) {
+            length = newSize;
+            at = extended( fd_, address_, mapped_, length, protection( mode_ ) );
+        }
+        if ( at == MAP_FAILED ) {
+            return failed( "mremap", errno );
+        }
+        address_ = at;
+        mapped_ = length;
+        size_ = 0;
     }
-    adviseHugePages( at, newSize );
-    address_ = at;
-    size_ = newSize;
+    sizeIs( newSize );
     return true;
+}
+
+void SharedMem::sizeIs( std::size_t size ) noexcept {
+    if ( size >= hugePage && size_ < hugePage ) {
+        adviseHugePages( address_, mapped_ );
+    }
+    size_ = size;
 }
 
 void SharedMem::closeFile() noexcept {

@@ -260,11 +260,8 @@ U32 Control::maxSize() { return Segments::maxSlotsOf( layout_ ); }
 
 U32 Control::capacity() { return table_.slotCount(); }
 
-WriterTable& Control::writer() {
-    if ( !writer_ ) {
-        throw InvalidInitializeException( krellName() + " is not open for writing" );
-    }
-    return *writer_;
+void Control::refuseWriting() {
+    throw InvalidInitializeException( krellName() + " is not open for writing" );
 }
 
 QelKrell::ReaderCounters Control::readerCounters() {

@@ -37,6 +37,20 @@ bool KrellMem::resize( std::size_t newSize ) {
     return newSize <= size_ || resizeLocal( newSize );
 }
 
+bool KrellMem::giveBack( std::size_t from, std::size_t to ) {
+    return localMem_ ? failed( "giveBack", EOPNOTSUPP ) : SharedMem::giveBack( from, to );
+}
+
+bool KrellMem::allocate( std::size_t from, std::size_t to ) {
+    return localMem_ || SharedMem::allocate( from, to );
+}
+
+void KrellMem::populate( std::size_t from, std::size_t to ) noexcept {
+    if ( !localMem_ ) {
+        SharedMem::populate( from, to );
+    }
+}
+
 bool KrellMem::resizeLocal( std::size_t newSize ) {
     void* block = doResize( address_, size_, newSize );
     if ( !block ) {

@@ -14,10 +14,9 @@ constexpr U64 lowHalf = U64( 1 ) << 32;
 
 } // namespace
 
-// Maps the present generation. Positions go on in one that continues the generation known.
+// Maps the present generation. Positions begin anew in another one.
 bool QueueReader::attached() {
-    const U32 present = segments_.queueGeneration();
-    if ( segment_ && segment_->generation() == present ) {
+    if ( segment_ && !replaced() ) {
         return true;
     }
     auto next = QueueSegment::attach( segments_ );
@@ -26,37 +25,42 @@ bool QueueReader::attached() {
     }
     if ( segment_ ) {
         ++counts_.resizes;
-        if ( next->shape().continues != segment_->generation() ) {
-            placed_ = draining_ = false;
-        }
+        placed_ = draining_ = false;
     }
     segment_ = std::move( next );
     return true;
 }
 
+bool QueueReader::replaced() const noexcept {
+    return segments_.queueGeneration() != segment_->generation() || segment_->gone();
+}
+
 bool QueueReader::isPending() const noexcept {
-    if ( !segment_ || segment_->generation() != segments_.queueGeneration() || !placed_ ||
-         draining_ ) {
+    if ( !segment_ || replaced() || !placed_ || draining_ ) {
         return true;
     }
     const QueueMark mark = segment_->mark();
     return mark.position() != U32( position_ ) || mark.sequence() != U32( sequence_ );
 }
 
-// The mark, whole. False when the writer went too far between two loads to tell.
-bool QueueReader::loadMark( U64& head, U64& sequence ) const {
+// The mark, whole. False when the writer went too far between two loads to tell, or when the file
+// is not there any more.
+bool QueueReader::loadMark( U64& head, U64& sequence ) {
     const U64 tail = segment_->tail();
     const QueueMark mark = segment_->mark();
     const U64 last = table_.sequence();
-    const U64 tailAfter = segment_->tail();
-    if ( tailAfter < tail ) {
-        wild( "a tail that went back to position", tailAfter );
+    endTail_ = segment_->tail();
+    if ( endTail_ < tail ) {
+        wild( "a tail that went back to position", endTail_ );
     }
-    if ( tailAfter - tail > lowHalf / 4 ) {
+    if ( endTail_ - tail > lowHalf / 4 ) {
         return false;
     }
     head = tail + U32( mark.position() - U32( tail ) );
-    if ( head - tail > segment_->places() + ( tailAfter - tail ) ) {
+    if ( head > endTail_ && !holds( head - endTail_ ) ) {
+        if ( segment_->gone() ) {
+            return false;
+        }
         wild( "a head at position", head );
     }
     sequence = last + U64( S64( S32( mark.sequence() - U32( last ) ) ) );
@@ -70,23 +74,79 @@ bool QueueReader::beginDrain() {
     if ( end_ < position_ || endSequence_ < sequence_ ) {
         wild( "a head that went back to position", end_ );
     }
-    if ( end_ != position_ ) {
-        const U64* const last = segment_->place( end_ - 1 );
-        lastSlot_ = QueueEntry( loadAcquire( last ) ).slot(); // SYNC( queue-entry )
+    draining_ = loadLastSlots();
+    return draining_;
+}
+
+// The slots that may have two entries up to the end that speak for them: that of the last change,
+// whose former entry becomes a tombstone after the mark; and those of a run at the tail, for a
+// reader that is nearly lapped, as moved entries stand in both their places until the tail is
+// stored. False when the last entries are not valid any more.
+bool QueueReader::loadLastSlots() {
+    lastTold_ = 0;
+    lastCount_ = 0;
+    if ( position_ < endTail_ ) {
+        return true; // the place is lost, as reading there tells
     }
-    lastTold_ = false;
-    draining_ = true;
+    const U64 most = position_ - endTail_ < QueueSegment::run_ ? QueueSegment::run_ : 1;
+    lastCount_ = unsigned( std::min( most, end_ - position_ ) );
+    for ( unsigned i = 0; i < lastCount_; ++i ) {
+        U64 count = 1;
+        const U64* const entry = entriesAt( end_ - 1 - i, count );
+        if ( !entry ) {
+            return false;
+        }
+        lastSlots_[ i ] = QueueEntry( loadAcquire( entry ) ).slot(); // SYNC( queue-entry )
+    }
     return true;
 }
 
-// False when what was read may be of another round, or of another generation.
-bool QueueReader::read( U64 from, U64 to, Batch& batch ) const {
-    batch.size = unsigned( std::min< U64 >( batchSize_, to - from ) );
-    for ( unsigned i = 0; i < batch.size; ++i ) {
-        batch.entries[ i ] =
-            QueueEntry( loadAcquire( segment_->place( from + i ) ) ); // SYNC( queue-entry )
+// Whether the file has that many places; what it has grown to is mapped.
+bool QueueReader::holds( U64 places ) {
+    const U64 before = segment_->places();
+    if ( places > before && segment_->remap() ) {
+        counts_.resizes += segment_->places() > before;
     }
-    return segment_->tail() <= from && segments_.queueGeneration() == segment_->generation();
+    return places <= segment_->places();
+}
+
+// Where the entry of a position stands that was below the head, with as many of `count` as stand
+// behind it in its round. Null when its round is over, or the file is not there any more.
+const U64* QueueReader::entriesAt( U64 position, U64& count ) {
+    const U64 round = segment_->round();
+    U64 start = round;
+    if ( position < round ) {
+        start = segment_->roundBefore();
+        if ( position < start ) {
+            if ( segment_->tail() <= position ) {
+                wild( "no round of position", position );
+            }
+            return nullptr;
+        }
+        count = std::min( count, round - position );
+    }
+    const U64 place = position - start;
+    if ( place >= lowHalf || !holds( place + count ) ) {
+        if ( segment_->gone() || segment_->tail() > position ) {
+            return nullptr;
+        }
+        wild( "no place for position", position );
+    }
+    return segment_->place( place );
+}
+
+// False when what was read may be of a later round, or the generation is another one.
+bool QueueReader::read( U64 from, U64 to, Batch& batch ) {
+    U64 count = std::min< U64 >( batchSize_, to - from );
+    const U64* const entries = entriesAt( from, count );
+    if ( !entries ) {
+        return false;
+    }
+    batch.size = unsigned( count );
+    for ( unsigned i = 0; i < batch.size; ++i ) {
+        batch.entries[ i ] = QueueEntry( loadAcquire( entries + i ) ); // SYNC( queue-entry )
+    }
+    return segment_->tail() <= from && !replaced();
 }
 
 SlotVersion QueueReader::versionAt( U32 slot ) const {
@@ -99,11 +159,10 @@ SlotVersion QueueReader::versionAt( U32 slot ) const {
 // Whether this entry is the one that speaks for its slot in the drain under way. The entries of new
 // changes stand in their order, so everything up to its own is `told` by its report.
 //
-// The slot of the last entry may have another one here: a former one becomes a tombstone after the
-// mark, and a moved one stands in both its places until the tail is stored. Whichever is met first
-// speaks for it.
+// Of a slot with two entries that speak for it, whichever is met first does.
 bool QueueReader::isNews( QueueEntry entry, U64& told ) {
-    if ( lastTold_ && position_ == end_ - 1 ) {
+    const U64 left = end_ - 1 - position_;
+    if ( left < lastCount_ && ( lastTold_ >> left & 1 ) ) {
         return false;
     }
     if ( entry.tombed() ) {
@@ -135,11 +194,16 @@ U64 QueueReader::endOfKnown( U64 from ) {
         U64 at = middle;
         QueueEntry entry;
         do {
-            entry = QueueEntry( loadAcquire( segment_->place( at++ ) ) ); // SYNC( queue-entry )
+            U64 count = 1;
+            const U64* const word = entriesAt( at++, count );
+            if ( !word ) {
+                return from; // the search starts over
+            }
+            entry = QueueEntry( loadAcquire( word ) ); // SYNC( queue-entry )
             ++counts_.probes;
         } while ( entry.tombed() && at < high );
         if ( segment_->tail() > from ) {
-            return from; // the search starts over
+            return from; // likewise
         }
         if ( entry.tombed() || versionAt( entry.slot() ).sequence() > sequence_ ) {
             high = middle;
@@ -189,7 +253,7 @@ bool QueueReader::findNews() {
             continue;
         }
         disturbed( patience );
-        if ( segments_.queueGeneration() != segment_->generation() ) {
+        if ( replaced() ) {
             return false; // another segment is another search
         }
         from = std::max( from, segment_->tail() );

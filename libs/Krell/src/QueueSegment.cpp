@@ -9,6 +9,13 @@ namespace Krell {
 namespace {
 
 constexpr unsigned attachRounds = 16; // of a reader that meets one generation after the other
+constexpr U64 page = 4096;            // bytes
+constexpr U64 populatedFrom = 65536;  // bytes
+
+// The bytes of a file with that many places: whole pages, for it takes them up anyway.
+U64 sizeOf( U64 places ) { return ( sizeof( QueueHeader ) + 8 * places + page - 1 ) / page * page; }
+
+U64 placesOf( U64 size ) { return ( size - sizeof( QueueHeader ) ) / 8; }
 
 U32 checksumOf( const QueueHeader& header ) {
     constexpr std::size_t from = offsetof( QueueHeader, generation );
@@ -29,14 +36,6 @@ QueueHeader snapshot( const QueueHeader& shared ) {
 
 } // namespace
 
-unsigned QueueSegment::log2For( U64 slots ) noexcept {
-    unsigned log2 = log2Least_;
-    while ( log2 < log2Limit_ && ( U64( 1 ) << log2 ) < 2 * slots ) {
-        ++log2;
-    }
-    return log2;
-}
-
 const char* QueueSegment::fileNameOf( U32 generation ) noexcept {
     return generation % 2 ? "conquer.1" : "conquer.2";
 }
@@ -55,11 +54,8 @@ std::unique_ptr< QueueSegment > QueueSegment::create( const Segments& segments,
                                                       const Shape& shape ) {
     std::unique_ptr< QueueSegment > made(
         new QueueSegment( segments, Directory::temporaryName( fileNameOf( shape.generation ) ) ) );
-    const U64 size = sizeof( QueueHeader ) + ( U64( 8 ) << shape.log2Places );
-    if ( size > std::size_t( PTRDIFF_MAX ) ) {
-        throw MemoryLimitException( "the change queue of " + segments.place() +
-                                    " does not fit in the address space" );
-    }
+    const U64 size = sizeOf( shape.places );
+    made->checkSize( size );
     if ( !made->mem_.attach( std::size_t( size ), Dov::SharedMem::create ) ) {
         made->fail();
     }
@@ -68,11 +64,13 @@ std::unique_ptr< QueueSegment > QueueSegment::create( const Segments& segments,
     header.version = QueueHeader::version_;
     header.fenix = segments.fenix();
     header.generation = shape.generation;
-    header.log2Places = shape.log2Places;
-    header.continues = shape.continues;
+    header.places = U32( placesOf( size ) );
     header.sortedEnd = shape.sortedEnd;
     header.checksum = checksumOf( header );
-    made->locate( shape );
+    made->shape_ = shape;
+    made->shape_.places = header.places;
+    made->locate();
+    made->populateFrom( 0 );
     return made;
 }
 
@@ -81,6 +79,29 @@ void QueueSegment::nameIsFinal() {
     directory_->rename( name_, name );
     name_ = name;
     mem_.nameIs( name );
+}
+
+void QueueSegment::growTo( U64 places ) {
+    const std::size_t before = mem_.memSize();
+    const U64 size = sizeOf( places );
+    checkSize( size );
+    if ( !mem_.resize( std::size_t( size ) ) ) {
+        fail();
+    }
+    populateFrom( before );
+    locate();
+}
+
+bool QueueSegment::remap() {
+    if ( mem_.remap() ) {
+        locate();
+        return true;
+    }
+    if ( mem_.errorNumber() != ESTALE && mem_.errorNumber() != ENOENT ) {
+        fail();
+    }
+    gone_ = true;
+    return false;
 }
 
 // A generation that is gone, or whose file is not there yet, is looked for again under its
@@ -130,19 +151,32 @@ bool QueueSegment::isSound( std::string& why ) {
     if ( header.checksum != checksumOf( header ) ) {
         return bad( "checksum", header.checksum );
     }
-    if ( header.log2Places < log2Least_ || header.log2Places > log2Limit_ ||
-         mem_.memSize() < sizeof( QueueHeader ) + ( U64( 8 ) << header.log2Places ) ) {
-        return bad( "number of places, 2 to the power", header.log2Places );
+    if ( header.places < leastPlaces_ || header.places > placesOf( mem_.memSize() ) ) {
+        return bad( "number of places", header.places );
     }
-    locate( { header.generation, header.log2Places, header.continues, header.sortedEnd } );
+    shape_ = { header.generation, header.places, header.sortedEnd };
+    locate();
     return true;
 }
 
-void QueueSegment::locate( const Shape& shape ) noexcept {
-    shape_ = shape;
+void QueueSegment::locate() noexcept {
     header_ = static_cast< QueueHeader* >( mem_.address() );
     entries_ = reinterpret_cast< U64* >( header_ + 1 );
-    mask_ = ( U64( 1 ) << shape.log2Places ) - 1;
+    places_ = placesOf( mem_.memSize() );
+}
+
+// Its pages come at once, not one by one, when there are many.
+void QueueSegment::populateFrom( std::size_t before ) {
+    if ( mem_.memSize() - before >= populatedFrom ) {
+        mem_.populate( before, mem_.memSize() );
+    }
+}
+
+void QueueSegment::checkSize( U64 size ) const {
+    if ( size > std::size_t( PTRDIFF_MAX ) ) {
+        throw MemoryLimitException( mem_.path() + ": a change queue of " + std::to_string( size ) +
+                                    " bytes does not fit in the address space" );
+    }
 }
 
 void QueueSegment::fail() const { throwSystemFailure( mem_.errorText(), mem_.errorNumber() ); }

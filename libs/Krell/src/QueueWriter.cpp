@@ -12,9 +12,9 @@ using Dov::Atomics::storeRelease;
 
 namespace {
 
-// Live entries fill at most half of the places. A run of them at the tail frees nothing while it is
-// passed at four a change, so an eighth of the places has to be free when it begins.
-constexpr U64 enoughOf( U64 places ) { return places - places / 8; }
+// Free places below which more are freed: a share of all, and what two runs may need.
+constexpr U64 scarceShare = 16;
+constexpr U64 scarceLeast = 2 * QueueSegment::run_;
 
 // 0 is none; its successor has to be of the other file.
 constexpr U32 generationAfter( U32 generation ) { return generation + 1 ? generation + 1 : 2; }
@@ -22,20 +22,19 @@ constexpr U32 generationAfter( U32 generation ) { return generation + 1 ? genera
 } // namespace
 
 QueueWriter::QueueWriter( Segments& segments ) : segments_( segments ) {
-    auto segment =
-        QueueSegment::create( segments_, {
-                                             generationAfter( segments_.queueGeneration() ),
-                                             QueueSegment::log2For( segments_.slotCount() ),
-                                             0,
-                                             U64( segments_.slotCount() ) + 1,
-                                         } );
+    const U32 slots = segments_.slotCount();
+    segment_ = QueueSegment::create( segments_, { generationAfter( segments_.queueGeneration() ),
+                                                  U32( QueueSegment::placesFor( slots ) ),
+                                                  U64( slots ) + 1 } );
     KRELL_CRASH_POINT( "queue: generation made" );
-    fillInOrder( *segment );
+    located();
+    fillInOrder();
     KRELL_CRASH_POINT( "queue: generation filled" );
-    publish( std::move( segment ) );
+    publish();
+    pauseIs();
 }
 
-void QueueWriter::fillInOrder( QueueSegment& segment ) {
+void QueueWriter::fillInOrder() {
     struct Change {
         U64 sequence;
         U32 slot;
@@ -43,6 +42,7 @@ void QueueWriter::fillInOrder( QueueSegment& segment ) {
     std::vector< Change > changes;
     try {
         const U32 count = segments_.slotCount();
+        newest_.growTo( count );
         changes.reserve( segments_.header().occupiedSlots );
         for ( U32 index = 0; index < count; ++index ) {
             const SlotVersion version( loadRelaxed( &segments_.slot( index )->version ) );
@@ -58,8 +58,9 @@ void QueueWriter::fillInOrder( QueueSegment& segment ) {
         return a.sequence != b.sequence ? a.sequence < b.sequence : a.slot < b.slot;
     } );
     for ( const Change& change : changes ) {
-        storeRelaxed( segment.place( head_ ), QueueEntry( change.slot, change.sequence ).word() );
-        storeRelaxed( &segments_.slot( change.slot )->queuePosition, U32( head_ ) );
+        const U32 place = U32( head_ - round_ );
+        storeRelaxed( entries_ + place, QueueEntry( change.slot, change.sequence ).word() );
+        newest_[ change.slot ] = place;
         ++head_;
     }
     sequence_ = loadRelaxed( segments_.sequenceWord() );
@@ -67,60 +68,108 @@ void QueueWriter::fillInOrder( QueueSegment& segment ) {
 
 // The file of the generation before goes: who still maps it finds another number in the buckets
 // header.
-void QueueWriter::publish( std::unique_ptr< QueueSegment > segment ) {
-    storeRelaxed( segment->tailWord(), tail_ );
-    storeRelaxed( segment->markWord(), QueueMark( sequence_, head_ ).word() );
-    segment->nameIsFinal();
+void QueueWriter::publish() {
+    storeRelaxed( segment_->roundWord(), round_ );
+    storeRelaxed( segment_->roundBeforeWord(), roundBefore_ );
+    storeRelaxed( segment_->tailWord(), tail_ );
+    storeRelaxed( segment_->markWord(), QueueMark( sequence_, head_ ).word() );
+    segment_->nameIsFinal();
     KRELL_CRASH_POINT( "queue: generation named" );
-    segment_ = std::move( segment );
-    enough_ = enoughOf( segment_->places() );
     segments_.queueGenerationIs( segment_->generation() ); // SYNC( queue-word )
     KRELL_CRASH_POINT( "queue: generation published" );
     segments_.directory()->remove( QueueSegment::fileNameOf( segment_->generation() + 1 ) );
     KRELL_CRASH_POINT( "queue: former generation removed" );
 }
 
+void QueueWriter::located() noexcept {
+    entries_ = segment_->place( 0 );
+    mark_ = segment_->markWord();
+}
+
 void QueueWriter::reserve( U32 slots ) {
-    const unsigned log2 = QueueSegment::log2For( slots );
-    if ( ( U64( 1 ) << log2 ) <= segment_->places() ) {
+    try {
+        newest_.growTo( slots );
+    } catch ( const std::bad_alloc& ) {
+        throw MemoryResourceException( "no memory to note the queue's entries for " +
+                                       std::to_string( slots ) + " slots of " + segments_.place() );
+    }
+    const U64 places = QueueSegment::placesFor( slots );
+    if ( places <= segment_->places() ) {
         return;
     }
-    auto next =
-        QueueSegment::create( segments_, { generationAfter( segment_->generation() ), log2,
-                                           segment_->generation(), segment_->shape().sortedEnd } );
-    KRELL_CRASH_POINT( "queue: generation made" );
-    for ( U64 position = tail_; position != head_; ++position ) {
-        storeRelaxed( next->place( position ), loadRelaxed( segment_->place( position ) ) );
-    }
-    KRELL_CRASH_POINT( "queue: generation filled" );
-    publish( std::move( next ) );
+    segment_->growTo( places );
+    KRELL_CRASH_POINT( "queue: file grown" );
     ++resizes_;
+    located();
+    pauseIs();
 }
 
-// At least one place is free afterwards, for the live entries are at most half of all.
-void QueueWriter::makeRoom() {
-    for ( unsigned steps = 0; head_ - tail_ >= segment_->places() - 1 ||
-                              ( steps < stepsOfAppend_ && head_ - tail_ >= enough_ );
-          ++steps ) {
-        freeTail();
-    }
+U64 QueueWriter::scarce() const noexcept { return capacity() / scarceShare + scarceLeast; }
+
+// Where the file ends or room gets scarce, whichever comes first.
+void QueueWriter::pauseIs() noexcept {
+    pause_ = std::min( round_ + segment_->places(), tail_ + capacity() - scarce() + 1 );
 }
 
-// A live entry stands at the head, for all to see, before the tail goes past its former place.
-void QueueWriter::freeTail() {
-    const QueueEntry oldest( loadRelaxed( segment_->place( tail_ ) ) );
-    if ( !oldest.tombed() ) {
-        storeRelease( segment_->place( head_ ), oldest.word() ); // SYNC( queue-entry )
-        KRELL_CRASH_POINT( "queue: entry moved" );
-        storeRelaxed( &segments_.slot( oldest.slot() )->queuePosition, U32( head_ ) );
-        ++head_;
-        storeRelease( segment_->markWord(),
-                      QueueMark( sequence_, head_ ).word() ); // SYNC( queue-mark )
-        ++compactions_;
+// While room is short, each append frees a run.
+void QueueWriter::makeRoom() noexcept {
+    if ( room() < scarce() ) {
+        freeRun();
     }
-    ++tail_;
+    if ( head_ - round_ == segment_->places() ) {
+        beginRound();
+    }
+    pauseIs();
+}
+
+// The live entries of a run stand at the head, for all to see, before the tail goes past it. None
+// of its places is filled before that.
+void QueueWriter::freeRun() noexcept {
+    const bool before = tail_ < round_;
+    const U64* const first = entries_ + ( tail_ - ( before ? roundBefore_ : round_ ) );
+    const U64 inRound = ( before ? round_ : head_ ) - tail_;
+    const auto count = unsigned( std::min( { U64( QueueSegment::run_ ), inRound, room() } ) );
+    QueueEntry live[ QueueSegment::run_ ];
+    unsigned found = 0;
+    for ( unsigned i = 0; i < count; ++i ) {
+        const QueueEntry entry( loadRelaxed( first + i ) );
+        if ( !entry.tombed() ) {
+            __builtin_prefetch( &newest_[ entry.slot() ], 1 );
+            live[ found++ ] = entry;
+        }
+    }
+    for ( unsigned i = 0; i < found; ++i ) {
+        move( live[ i ] );
+    }
+    if ( found > 0 ) {
+        storeRelease( mark_, QueueMark( sequence_, head_ ).word() ); // SYNC( queue-mark )
+        KRELL_CRASH_POINT( "queue: moved entries marked" );
+        compactions_ += found;
+    }
+    tail_ += count;
     storeRelease( segment_->tailWord(), tail_ ); // SYNC( queue-tail )
     KRELL_CRASH_POINT( "queue: tail stored" );
+}
+
+void QueueWriter::move( QueueEntry entry ) noexcept {
+    if ( head_ - round_ == segment_->places() ) {
+        beginRound();
+    }
+    const U32 place = U32( head_ - round_ );
+    storeRelease( entries_ + place, entry.word() ); // SYNC( queue-entry )
+    KRELL_CRASH_POINT( "queue: entry moved" );
+    newest_[ entry.slot() ] = place;
+    ++head_;
+}
+
+// The tail is in the round that ends: nothing of the one before it is valid.
+void QueueWriter::beginRound() noexcept {
+    roundBefore_ = round_;
+    storeRelease( segment_->roundBeforeWord(), roundBefore_ ); // SYNC( queue-before )
+    KRELL_CRASH_POINT( "queue: former round stored" );
+    round_ = head_;
+    storeRelease( segment_->roundWord(), round_ ); // SYNC( queue-round )
+    KRELL_CRASH_POINT( "queue: round stored" );
 }
 
 } // namespace Krell

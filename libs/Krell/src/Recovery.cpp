@@ -109,9 +109,11 @@ void Recovery::rebuildBuckets() {
     }
     const BucketArray present = BucketArray::inUse( segments_ );
     const unsigned log2 = std::max( present.log2(), BucketArray::log2For( occupied ) );
-    for ( U32 overflow = std::max( present.overflowLines(), BucketArray::usualOverflow( log2 ) );;
-          overflow *= 2 ) {
+    for ( U32 overflow =
+              std::max( present.overflowLines(), BucketArray::usualOverflow( segments_, log2 ) );
+          ; overflow *= 2 ) {
         BucketArray array = BucketArray::beside( present, log2, overflow );
+        array.prepare();
         if ( fill( array ) ) {
             array.publish();
             return;

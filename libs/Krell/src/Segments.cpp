@@ -6,6 +6,8 @@
 #include <limits>
 #include <new>
 
+#include <Krell/BucketArray>
+
 namespace Krell {
 
 namespace {
@@ -16,7 +18,8 @@ using Dov::Atomics::load64;
 constexpr U32 textAt = sizeof( BucketsHeader );
 constexpr U32 lookasideAt = 4096;
 constexpr U64 lineSize = sizeof( Bucket );
-constexpr unsigned growthRounds = 64; // looks at a file that grows while it is looked at
+constexpr std::size_t populatedFrom = 65536; // bytes
+constexpr unsigned growthRounds = 64;        // looks at a file that grows while it is looked at
 static_assert( textAt + Layout::textLimit_ <= lookasideAt );
 
 U32 arraysAtOf( const Layout& layout ) {
@@ -27,6 +30,12 @@ U32 arraysAtOf( const Layout& layout ) {
 
 // What a mapping and a file offset can be, on this width.
 constexpr U64 addressLimit = sizeof( void* ) == 4 ? 0x7fffffffu : U64( 1 ) << 46;
+
+void populateFrom( KrellMem& mem, std::size_t before ) {
+    if ( mem.memSize() - before >= populatedFrom ) {
+        mem.populate( before, mem.memSize() );
+    }
+}
 
 std::string textField( const char ( &field )[ 64 ] ) {
     return std::string( field, strnlen( field, sizeof field ) );
@@ -98,7 +107,7 @@ void Segments::create( U32 fenix, U32 slots, unsigned log2Buckets ) {
                                     "; the most is " + std::to_string( maxSlotsOf( layout_ ) ) );
     }
     const U32 primaries = U32( 1 ) << log2Buckets;
-    const U64 lines = 1 + U64( primaries ) + std::max( 4u, primaries / 8 );
+    const U64 lines = 1 + U64( primaries ) + BucketArray::ampleOverflow( log2Buckets );
     const U64 bucketsSize = arraysAtOf( layout_ ) + lines * lineSize;
     const U64 slotsSize = slotsAt_ + U64( slots ) * slotSize_;
     if ( bucketsSize > addressLimit ) {
@@ -111,6 +120,8 @@ void Segments::create( U32 fenix, U32 slots, unsigned log2Buckets ) {
     if ( !bucketsMem_->attach( std::size_t( bucketsSize ), Dov::SharedMem::create ) ) {
         fail( *bucketsMem_ );
     }
+    populateFrom( *slotsMem_, 0 );
+    populateFrom( *bucketsMem_, 0 );
     locate();
     makeHeaders( fenix, slots );
     ArrayHead& head = *reinterpret_cast< ArrayHead* >( lines_ );
@@ -326,10 +337,7 @@ void Segments::growSlots( U32 slots ) {
         throw MemoryLimitException( std::to_string( slots ) + " slots are wanted in " + place() +
                                     "; the most is " + std::to_string( maxSlotsOf( layout_ ) ) );
     }
-    if ( !slotsMem_->resize( std::size_t( slotsAt_ + U64( slots ) * slotSize_ ) ) ) {
-        fail( *slotsMem_ );
-    }
-    locate();
+    grow( *slotsMem_, slotsAt_ + U64( slots ) * slotSize_ );
 }
 
 void Segments::growBuckets( U64 lines ) {
@@ -338,10 +346,31 @@ void Segments::growBuckets( U64 lines ) {
         throw MemoryLimitException( "the buckets of " + place() +
                                     " do not fit in the address space" );
     }
-    if ( !bucketsMem_->resize( std::size_t( size ) ) ) {
+    grow( *bucketsMem_, size );
+}
+
+// What is large is about to be filled: its pages come at once, not one by one.
+void Segments::grow( KrellMem& mem, U64 size ) {
+    const std::size_t before = mem.memSize();
+    if ( !mem.resize( std::size_t( size ) ) ) {
+        fail( mem );
+    }
+    populateFrom( mem, before );
+    locate();
+}
+
+void Segments::allocateLines( U64 from, U64 to ) {
+    const U64 at = arraysAtOf( layout_ );
+    if ( !bucketsMem_->allocate( std::size_t( at + from * lineSize ),
+                                 std::size_t( at + to * lineSize ) ) ) {
         fail( *bucketsMem_ );
     }
-    locate();
+}
+
+bool Segments::giveBackLines( U64 from, U64 to ) {
+    const U64 at = arraysAtOf( layout_ );
+    return bucketsMem_->giveBack( std::size_t( at + from * lineSize ),
+                                  std::size_t( at + to * lineSize ) );
 }
 
 bool Segments::remap() {
@@ -363,18 +392,11 @@ bool Segments::remap() {
     return same;
 }
 
-U64* Segments::sequenceWord() const noexcept { return &header_->sequence; }
-
 U32 Segments::fenix() const noexcept { return load32( &header_->fenix ); }
 
 U32 Segments::flags() const noexcept { return load32( &header_->flags ); }
 
 void Segments::flagsAre( U32 flags ) { Dov::Atomics::storeRelease( &header_->flags, flags ); }
-
-U32 Segments::slotCount() const noexcept {
-    // NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker): asked of what is attached
-    return VerU32::load( header_->numSlots ).count; // SYNC( slot-count )
-}
 
 void Segments::slotCountIs( U32 count ) {
     const VerU32 present = VerU32::load( header_->numSlots );

@@ -24,6 +24,11 @@ constexpr U32 noIndex = Segments::noIndex_;
 // The retired slots that wait before the oldest of them is used again, while the table can grow.
 constexpr U32 reuseDelay( U32 slots ) { return std::max( U32( 1 ), slots / 16 ); }
 
+// Slots that the table grows by when it needs more. One of less than leastStep doubles.
+constexpr U32 stepPart = 32;
+constexpr U32 leastStep = 64;
+constexpr U32 stepBytes = U32( 2 ) << 20;
+
 [[maybe_unused]] const int forkWatch = pthread_atfork( nullptr, nullptr, [] { ++forkCount; } );
 
 } // namespace
@@ -32,6 +37,7 @@ WriterTable::WriterTable( Segments& segments )
     : segments_( segments ),
       queue_( segments.local() ? nullptr : std::make_unique< QueueWriter >( segments ) ),
       array_( BucketArray::inUse( segments ) ),
+      growth_( segments, array_ ),
       count_( segments.slotCount() ),
       occupied_( segments.header().occupiedSlots ),
       free_( segments.header().freeSlots ),
@@ -44,7 +50,7 @@ WriterTable::WriterTable( Segments& segments )
 
 void WriterTable::insert( U32 hash, const U64* key, const U64* value ) {
     ensureSlot();
-    const BucketArray::Place place = roomFor( hash );
+    const BucketArray::Place place = growth_.roomFor( hash, occupied_, count_ );
     const U32 index = takeSlot();
     KRELL_CRASH_POINT( "insert: slot taken" );
     SlotHead* const slot = segments_.slot( index );
@@ -54,6 +60,7 @@ void WriterTable::insert( U32 hash, const U64* key, const U64* value ) {
     KRELL_CRASH_POINT( "insert: slot filled" );
     array_.put( place, hash, index );
     KRELL_CRASH_POINT( "insert: tag stored" );
+    growth_.entered( hash, index );
     const SlotVersion version( sequence_ + 1, SlotVersion::occupied );
     storeRelease( &slot->version, version.word() ); // SYNC( slot-version )
     KRELL_CRASH_POINT( "insert: slot occupied" );
@@ -62,7 +69,7 @@ void WriterTable::insert( U32 hash, const U64* key, const U64* value ) {
     ++inserts_;
     headerChanged();
     KRELL_CRASH_POINT( "insert: header stored" );
-    changed( index, version.sequence(), hasEntry );
+    changed( index, slot, version.sequence(), hasEntry );
 }
 
 // Whoever reaches the slot meanwhile finds it not occupied.
@@ -84,60 +91,15 @@ void WriterTable::remove( const BucketArray::Place& place ) {
     KRELL_CRASH_POINT( "delete: slot dead" );
     array_.clear( place );
     KRELL_CRASH_POINT( "delete: tag cleared" );
+    growth_.left( loadRelaxed( &segments_.slot( place.slot )->hash ), place.slot );
     --occupied_;
     ++slotDeallocs_;
     retire( place.slot );
     KRELL_CRASH_POINT( "delete: slot retired" );
     headerChanged();
     KRELL_CRASH_POINT( "delete: header stored" );
-    changed( place.slot, dead.sequence() );
-}
-
-BucketArray::Place WriterTable::roomFor( U32 hash ) {
-    if ( occupied_ >= ( U64( BucketArray::load_ ) << array_.log2() ) &&
-         array_.log2() < TableWord::log2Limit_ ) {
-        try {
-            rebuild( array_.log2() + 1, BucketArray::usualOverflow( array_.log2() + 1 ) );
-        } catch ( const MemoryResourceException& ) {
-        } catch ( const MemoryLimitException& ) { // a place in the present array does as well
-        }
-    }
-    for ( ;; ) {
-        if ( const auto place = array_.room( hash ) ) {
-            return *place;
-        }
-        // Many keys: more buckets. Few, which collide: longer chains.
-        const bool full = occupied_ >= ( U64( BucketArray::load_ / 2 ) << array_.log2() ) &&
-                          array_.log2() < TableWord::log2Limit_;
-        const unsigned log2 = array_.log2() + full;
-        rebuild( log2, std::max( BucketArray::usualOverflow( log2 ), 2 * array_.overflowLines() ) );
-    }
-}
-
-void WriterTable::rebuild( unsigned log2, U32 overflow ) {
-    for ( ;; overflow *= 2 ) {
-        BucketArray next = BucketArray::beside( array_, log2, overflow );
-        if ( copyEntries( next ) ) {
-            next.publish();
-            array_ = next;
-            return;
-        }
-    }
-}
-
-bool WriterTable::copyEntries( BucketArray& to ) const {
-    for ( U32 index = 0; index < count_; ++index ) {
-        const SlotHead* const slot = segments_.slot( index );
-        if ( SlotVersion( loadRelaxed( &slot->version ) ).isOccupied() ) {
-            const U32 hash = loadRelaxed( &slot->hash );
-            const auto place = to.room( hash );
-            if ( !place ) {
-                return false;
-            }
-            to.put( *place, hash, index );
-        }
-    }
-    return true;
+    changed( place.slot, segments_.slot( place.slot ), dead.sequence() );
+    growth_.step( occupied_, count_ );
 }
 
 void WriterTable::reserve( U32 slots ) {
@@ -147,7 +109,10 @@ void WriterTable::reserve( U32 slots ) {
     }
     const unsigned log2 = BucketArray::log2For( slots );
     if ( log2 > array_.log2() ) {
-        rebuild( log2, BucketArray::usualOverflow( log2 ) );
+        growth_.rebuild( log2, BucketArray::ampleOverflow( log2 ), count_ );
+    } else if ( log2 == array_.log2() ) {
+        const U32 ample = BucketArray::ampleOverflow( log2 );
+        array_.spare( ample - std::min( ample, array_.overflowUsed() ) );
     }
 }
 
@@ -158,6 +123,20 @@ bool WriterTable::grow() {
         return false;
     }
     growTo( U32( std::min< U64 >( most, std::max< U64 >( 1, U64( count_ ) * 2 ) ) ) );
+    return true;
+}
+
+// Small steps, so that little is allocated in advance and none of them takes long. Local memory is
+// copied as it grows, and doubles.
+bool WriterTable::growByStep() {
+    const U32 most = Segments::maxSlotsOf( segments_.layout() );
+    if ( segments_.local() || count_ >= most ) {
+        return grow();
+    }
+    const U32 limit = std::max( U32( 1 ), stepBytes / segments_.layout().slotSize() );
+    const U32 least = std::min( leastStep, std::max( U32( 1 ), count_ ) );
+    const U32 step = std::min( limit, std::max( least, count_ / stepPart ) );
+    growTo( count_ + std::min( step, most - count_ ) );
     return true;
 }
 
@@ -188,6 +167,7 @@ void WriterTable::mark() {
             marked[ index ] = versionOf( segments_.slot( index ) ).isOccupied();
         }
         marked_ = std::move( marked );
+        marks_ = count_;
     } catch ( const std::bad_alloc& ) {
         throw MemoryResourceException( "no memory to mark the entries of " + segments_.place() );
     }
@@ -202,7 +182,7 @@ void WriterTable::ensureSlot() {
         return;
     }
     try {
-        if ( grow() || retiredCount_ > 0 ) {
+        if ( growByStep() || retiredCount_ > 0 ) {
             return;
         }
     } catch ( const MemoryResourceException& ) {

@@ -29,10 +29,12 @@ Shared& shared() {
 }
 
 unsigned placesLeft = 0;
+const char* placeWanted = nullptr; // instead of a number
 int signalAtPlace = 0;
 
 void atPlace( const char* name ) {
-    if ( placesLeft == 0 || --placesLeft != 0 ) {
+    if ( placeWanted ? std::strcmp( placeWanted, name ) != 0
+                     : placesLeft == 0 || --placesLeft != 0 ) {
         return;
     }
     std::strncpy( shared().place, name, sizeof shared().place - 1 );
@@ -76,6 +78,20 @@ int wait( pid_t pid ) {
 }
 
 } // namespace
+
+Crash killedAt( const char* place,
+                const std::function< void() >& prepare,
+                const std::function< void() >& body ) {
+    placeWanted = place;
+    try {
+        const Crash crash = killedAt( 0U, prepare, body );
+        placeWanted = nullptr;
+        return crash;
+    } catch ( ... ) {
+        placeWanted = nullptr;
+        throw;
+    }
+}
 
 Crash killedAt( unsigned n,
                 const std::function< void() >& prepare,

@@ -24,6 +24,11 @@ Crash killedAt( unsigned n,
                 const std::function< void() >& prepare,
                 const std::function< void() >& body );
 
+// The same for the first place of that name.
+Crash killedAt( const char* place,
+                const std::function< void() >& prepare,
+                const std::function< void() >& body );
+
 // A child that stops itself (SIGSTOP) when `body` passes its n-th place, and is killed at the end
 // of the object's life.
 class Stopped {

@@ -16,6 +16,19 @@ void fillColliding( Both& both, U64 count ) {
     }
 }
 
+// 128 slots, of which each was used, eight primary buckets and 65 keys: the next array was begun by
+// the last insert. The retired slots that are used next are the first ones.
+void fillUntilTheNextArrayIsBegun( Both& both ) {
+    both.grow();
+    fill( both, 63 );
+    for ( U64 n = 0; n < 65; ++n ) {
+        both.del( key( n % 63 ) );
+        both.put( key( n % 63 ), 20 * n );
+    }
+    both.put( key( 100 ), 1 );
+    both.put( key( 101 ), 2 );
+}
+
 const std::vector< Change > changes {
     { "Update", 8, []( Both& b ) { fill( b, 4 ); }, []( Both& b ) { b.put( key( 2 ), 77 ); } },
     { "SecondUpdate", 8,
@@ -58,14 +71,30 @@ const std::vector< Change > changes {
       []( Both& b ) { b.put( key( 99 ), 77 ); } },
     { "InsertThatLinksAnOverflowBucket", 64, []( Both& b ) { fillColliding( b, 12 ); },
       []( Both& b ) { b.put( collidingKey( 99 ), 77 ); } },
-    // One primary bucket and the four overflow buckets of the smallest array are full.
+    { "InsertWhileTheNextArrayIsBuilt", 64, fillUntilTheNextArrayIsBegun,
+      []( Both& b ) { b.put( key( 102 ), 77 ); } },
+    { "DeleteWhileTheNextArrayIsBuilt", 64,
+      []( Both& b ) {
+          fillUntilTheNextArrayIsBegun( b );
+          b.put( key( 102 ), 77 ); // in a slot that was copied before
+      },
+      []( Both& b ) { b.del( key( 102 ) ); } },
+    { "InsertThatPublishesTheNextArray", 64,
+      []( Both& b ) {
+          fillUntilTheNextArrayIsBegun( b );
+          for ( U64 n = 0; n < 3; ++n ) {
+              b.put( key( 102 + n ), n );
+          }
+      },
+      []( Both& b ) { b.put( key( 99 ), 77 ); } },
+    // One primary bucket and four overflow buckets, all of the reserve, are full.
     { "InsertThatLengthensTheChains", 256, []( Both& b ) { fillColliding( b, 60 ); },
       []( Both& b ) { b.put( collidingKey( 99 ), 77 ); } },
-    // The change queue has 64 places, of which 56 are in use: live entries at its tail are moved.
+    // The change queue has 496 places, of which 434 are in use: live entries at its tail are moved.
     { "UpdateThatMovesEntries", 30,
       []( Both& b ) {
           fill( b, 30 );
-          for ( U64 n = 0; n < 26; ++n ) {
+          for ( U64 n = 0; n < 404; ++n ) {
               b.put( key( 29 ), 1000 + n );
           }
       },
@@ -73,11 +102,22 @@ const std::vector< Change > changes {
     { "DeleteThatMovesEntries", 30,
       []( Both& b ) {
           fill( b, 30 );
-          for ( U64 n = 0; n < 130; ++n ) {
-              b.put( key( n % 2 ), 1000 + n );
+          for ( U64 n = 0; n < 405; ++n ) {
+              b.put( key( 28 + n % 2 ), 1000 + n );
           }
       },
       []( Both& b ) { b.del( key( 28 ) ); } },
+    // All places were filled: 30 for the keys, 437 for changes, 29 for entries that were moved.
+    { "UpdateThatBeginsARound", 30,
+      []( Both& b ) {
+          fill( b, 30 );
+          for ( U64 n = 0; n < 437; ++n ) {
+              b.put( key( 29 ), 1000 + n );
+          }
+      },
+      []( Both& b ) { b.put( key( 28 ), 77 ); } },
+    { "InsertThatGrowsTheQueue", 288, []( Both& b ) { fill( b, 288 ); },
+      []( Both& b ) { b.put( key( 999 ), 77 ); } },
     { "Growth", 4, []( Both& b ) { fill( b, 4 ); }, []( Both& b ) { b.grow(); } },
 };
 

@@ -156,6 +156,83 @@ TEST_P( KillTest, ARecoveryThatIsKilledIsFollowedByAnother ) {
     ASSERT_GE( kills, stride == 1 ? 10U : 1U );
 }
 
+// The changes above reach what they are named after.
+TEST( KillPlacesTest, TheNextArrayIsFilledChangedAndPublished ) {
+    const std::map< std::string, std::vector< const char* > > places {
+        { "InsertThatGrowsTheBuckets", { "array: before it is allocated", "array: allocated" } },
+        { "InsertWhileTheNextArrayIsBuilt", { "growth: slots copied", "growth: entered" } },
+        { "DeleteWhileTheNextArrayIsBuilt", { "growth: left", "growth: slots copied" } },
+        { "InsertThatPublishesTheNextArray", { "growth: slots copied", "array: published" } },
+        { "InsertThatLengthensTheChains", { "array: reserve grown", "array: overflow linked" } }
+    };
+    unsigned reached = 0;
+    for ( const Change& change : allChanges() ) {
+        const auto wanted = places.find( change.name );
+        if ( wanted == places.end() ) {
+            continue;
+        }
+        for ( const char* place : wanted->second ) {
+            TestRoot root;
+            std::unique_ptr< TestCollection > writer;
+            const auto prepare = [ & ] {
+                writer = std::make_unique< TestCollection >( layoutOf( 2, valueWords ) );
+                writer->asWriter( change.size );
+                Both both( writer.get() );
+                change.prepare( both );
+            };
+            const auto apply = [ & ] {
+                Both both( writer.get() );
+                change.change( both );
+            };
+            EXPECT_TRUE( killedAt( place, prepare, apply ).died ) << change.name << ": " << place;
+            ++reached;
+        }
+    }
+    EXPECT_EQ( reached, 10U );
+}
+
+TEST( KillPlacesTest, AWriterThatDiesWhileItGivesSpaceBackIsFollowedByAnother ) {
+    constexpr U64 keys = 1300;
+    TestRoot root;
+    std::unique_ptr< TestCollection > writer;
+    const auto prepare = [ & ] {
+        writer = std::make_unique< TestCollection >( layoutOf( 2, valueWords ) );
+        writer->asWriter( 0 );
+        Both both( writer.get() );
+        for ( U64 n = 0; n < keys; ++n ) {
+            both.put( key( n ), n );
+        }
+    };
+    const auto change = [ & ] {
+        Both both( writer.get() );
+        for ( U64 n = 0; n < Krell::BucketGrowth::leastKept_; ++n ) {
+            both.del( key( n % keys ) );
+            both.put( key( n % keys ), n % keys );
+        }
+    };
+    ASSERT_TRUE( killedAt( "growth: lines given back", prepare, change ).died );
+    TestCollection reader( layoutOf( 2, valueWords ) );
+    reader.asReader();
+    TestCollection next( layoutOf( 2, valueWords ) );
+    next.asWriter();
+    for ( TestCollection* collection : { &reader, &next } ) {
+        EXPECT_TRUE( collection->validate() );
+        for ( U64 n = 0; n < keys; ++n ) {
+            Value value {};
+            const bool found =
+                collection->table().find< 2, valueWords >( key( n ).data(), value.data() );
+            ASSERT_TRUE( found || collection->table().occupied() == keys - 1 ) << n;
+            ASSERT_TRUE( !found || value == wholeValue< valueWords >( n ) );
+        }
+    }
+    Both both( &next );
+    for ( U64 n = 0; n < 3 * keys; ++n ) {
+        both.put( key( n ), n );
+    }
+    EXPECT_TRUE( reader.validate() );
+    EXPECT_EQ( reader.table().occupied(), 3 * keys );
+}
+
 INSTANTIATE_TEST_SUITE_P( Changes,
                           KillTest,
                           testing::ValuesIn( allChanges() ),
