@@ -10,6 +10,8 @@
 
 namespace {
 
+enum class Fence { byWriter, bySleeper };
+
 enum class Broken {
     nothing,
     writerHasNoFence,
@@ -18,11 +20,14 @@ enum class Broken {
     readerDrainsAfterItArmed,
     ticketsRepeat,
     writerLooksBeforeItPublishes,
+    fenceForAllIsForTheSleeperOnly, // also: the writer is not enlisted, the two disagree
+    fenceForAllComesBeforeTheTicket,
+    fenceForAllComesAfterTheLastLook,
 };
 
 constexpr int publishes = 3;
 
-// Stores that are on their way to memory, oldest first, at most two of one word.
+// Stores that are on their way to memory, oldest first.
 using Buffer = std::vector< int >;
 
 struct State {
@@ -41,7 +46,9 @@ struct State {
 
 class Model {
 public:
-    explicit Model( Broken broken ) : broken_( broken ) { explore( State() ); }
+    explicit Model( Broken broken, Fence fence ) : broken_( broken ), fence_( fence ) {
+        explore( State() );
+    }
 
     std::size_t states() const { return known_.size(); }
     unsigned stuck() const { return stuck_; }   // ends in which the reader sleeps and is behind
@@ -49,8 +56,19 @@ public:
     unsigned ends() const { return ends_; }
 
 private:
-    enum Writer { publish, writerFence, look, kick, done };
-    enum Reader { drain, arm, readerFence, lookAgain, swallow, sleep, disarm };
+    enum Writer { publish, writerFence, look, kick, publishLate };
+    enum Reader {
+        drain,
+        earlyFence,
+        arm,
+        readerFence,
+        writersFence,
+        lookAgain,
+        lateFence,
+        swallow,
+        sleep,
+        disarm,
+    };
 
     void explore( const State& first ) {
         std::vector< State > open { first };
@@ -104,7 +122,8 @@ private:
             next.writerAt = writerFence;
             break;
         case writerFence:
-            if ( broken_ != Broken::writerHasNoFence && !s.headStores.empty() ) {
+            if ( fence_ == Fence::byWriter && broken_ != Broken::writerHasNoFence &&
+                 !s.headStores.empty() ) {
                 return;
             }
             next.writerAt = lookFirst ? publish : look;
@@ -112,18 +131,30 @@ private:
         case look: {
             const bool wake = s.armed != 0 && s.armed != s.kickedFor;
             next.kickedFor = wake ? s.armed : s.kickedFor;
-            next.writerAt = wake ? kick : publish;
-            if ( lookFirst ) {
-                next.headStores.push_back( ++next.published );
-                next.writerAt = wake ? kick : writerFence;
-            }
+            next.writerAt = wake ? kick : lookFirst ? publishLate : publish;
             break;
         }
-        default:
+        case kick:
             ++next.kicks;
-            next.writerAt = lookFirst ? writerFence : publish;
+            next.writerAt = lookFirst ? publishLate : publish;
+            break;
+        default:
+            next.headStores.push_back( ++next.published );
+            next.writerAt = writerFence;
         }
         open.push_back( next );
+    }
+
+    // The sleeper's, in the writer's thread: all that this one stored reaches memory, at any place.
+    void fenceInWriter( State& next, Reader place ) const {
+        const Reader right = broken_ == Broken::fenceForAllComesBeforeTheTicket    ? earlyFence
+                             : broken_ == Broken::fenceForAllComesAfterTheLastLook ? lateFence
+                                                                                   : writersFence;
+        if ( fence_ == Fence::bySleeper && place == right &&
+             broken_ != Broken::fenceForAllIsForTheSleeperOnly && !next.headStores.empty() ) {
+            next.head = next.headStores.back();
+            next.headStores.clear();
+        }
     }
 
     void reachReader( const State& s, std::vector< State >& open ) const {
@@ -131,6 +162,10 @@ private:
         switch ( s.readerAt ) {
         case drain:
             next.seen = s.head;
+            next.readerAt = earlyFence;
+            break;
+        case earlyFence:
+            fenceInWriter( next, earlyFence );
             next.readerAt = arm;
             break;
         case arm:
@@ -142,12 +177,18 @@ private:
             if ( broken_ != Broken::readerHasNoFence && !s.armedStores.empty() ) {
                 return;
             }
+            next.readerAt = writersFence;
+            break;
+        case writersFence:
+            fenceInWriter( next, writersFence );
             next.readerAt = broken_ == Broken::readerLooksOnce ? sleep : lookAgain;
             break;
         case lookAgain:
-            next.readerAt = s.head != s.seen                              ? disarm
-                            : broken_ == Broken::readerDrainsAfterItArmed ? swallow
-                                                                          : sleep;
+            next.readerAt = s.head != s.seen ? disarm : lateFence;
+            break;
+        case lateFence:
+            fenceInWriter( next, lateFence );
+            next.readerAt = broken_ == Broken::readerDrainsAfterItArmed ? swallow : sleep;
             break;
         case swallow:
             next.kicks = 0;
@@ -168,6 +209,7 @@ private:
     }
 
     const Broken broken_;
+    const Fence fence_;
     std::set< State > known_;
     unsigned stuck_ = 0;
     unsigned sleeps_ = 0;
@@ -175,21 +217,32 @@ private:
 };
 
 TEST( DoorbellModelTest, AReaderThatSleepsForGoodIsCurrent ) {
-    const Model model( Broken::nothing );
-    EXPECT_EQ( model.stuck(), 0U );
-    EXPECT_GT( model.ends(), 0U );
-    EXPECT_GT( model.sleeps(), 0U );
-    EXPECT_GT( model.states(), 500U );
-    ::testing::Test::RecordProperty( "states", int( model.states() ) );
+    for ( const Fence fence : { Fence::byWriter, Fence::bySleeper } ) {
+        const Model model( Broken::nothing, fence );
+        EXPECT_EQ( model.stuck(), 0U );
+        EXPECT_GT( model.ends(), 0U );
+        EXPECT_GT( model.sleeps(), 0U );
+        EXPECT_GT( model.states(), 500U );
+        ::testing::Test::RecordProperty( fence == Fence::byWriter ? "statesByWriter"
+                                                                  : "statesBySleeper",
+                                         int( model.states() ) );
+    }
 }
 
 TEST( DoorbellModelTest, EachPartOfTheProtocolIsNeeded ) {
-    EXPECT_GT( Model( Broken::writerHasNoFence ).stuck(), 0U );
-    EXPECT_GT( Model( Broken::readerHasNoFence ).stuck(), 0U );
-    EXPECT_GT( Model( Broken::readerLooksOnce ).stuck(), 0U );
-    EXPECT_GT( Model( Broken::readerDrainsAfterItArmed ).stuck(), 0U );
-    EXPECT_GT( Model( Broken::ticketsRepeat ).stuck(), 0U );
-    EXPECT_GT( Model( Broken::writerLooksBeforeItPublishes ).stuck(), 0U );
+    for ( const Fence fence : { Fence::byWriter, Fence::bySleeper } ) {
+        for ( const Broken broken :
+              { Broken::readerHasNoFence, Broken::readerLooksOnce, Broken::readerDrainsAfterItArmed,
+                Broken::ticketsRepeat, Broken::writerLooksBeforeItPublishes } ) {
+            EXPECT_GT( Model( broken, fence ).stuck(), 0U ) << int( fence ) << ' ' << int( broken );
+        }
+    }
+    EXPECT_GT( Model( Broken::writerHasNoFence, Fence::byWriter ).stuck(), 0U );
+    for ( const Broken broken :
+          { Broken::fenceForAllIsForTheSleeperOnly, Broken::fenceForAllComesBeforeTheTicket,
+            Broken::fenceForAllComesAfterTheLastLook } ) {
+        EXPECT_GT( Model( broken, Fence::bySleeper ).stuck(), 0U ) << int( broken );
+    }
 }
 
 } // namespace

@@ -9,9 +9,14 @@
 #include <string>
 #include <vector>
 
+#include <linux/filter.h>
+#include <linux/membarrier.h>
+#include <linux/seccomp.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 
 #include <Krell/DoorbellCaller>
@@ -20,6 +25,8 @@
 #include "krell/Hooks.h"
 
 namespace KrellTest {
+
+using Qel::U32;
 
 // One turn of the loop: waits for a watched descriptor to become readable, then fires all that are.
 // How many there were. Controls may come and go meanwhile.
@@ -147,5 +154,23 @@ inline Krell::Fd memoryFile( off_t size, int seals, unsigned flags = 0 ) {
     }
     return fd;
 }
+
+// From now on the system refuses that command of membarrier to this thread, for good: use a child.
+// False when the system cannot do that.
+inline bool refuseMembarrier( int command, int error ) {
+    sock_filter filter[] = {
+        BPF_STMT( BPF_LD | BPF_W | BPF_ABS, offsetof( seccomp_data, nr ) ),
+        BPF_JUMP( BPF_JMP | BPF_JEQ | BPF_K, SYS_membarrier, 0, 3 ),
+        BPF_STMT( BPF_LD | BPF_W | BPF_ABS, offsetof( seccomp_data, args ) ), // low half
+        BPF_JUMP( BPF_JMP | BPF_JEQ | BPF_K, U32( command ), 0, 1 ),
+        BPF_STMT( BPF_RET | BPF_K, SECCOMP_RET_ERRNO | U32( error ) ),
+        BPF_STMT( BPF_RET | BPF_K, SECCOMP_RET_ALLOW ),
+    };
+    const sock_fprog program { sizeof filter / sizeof filter[ 0 ], filter };
+    return ::prctl( PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0 ) == 0 &&
+           ::prctl( PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program ) == 0;
+}
+constexpr int commandOfWriters = MEMBARRIER_CMD_REGISTER_GLOBAL_EXPEDITED;
+constexpr int commandOfReaders = MEMBARRIER_CMD_GLOBAL_EXPEDITED;
 
 } // namespace KrellTest

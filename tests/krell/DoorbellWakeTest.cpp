@@ -16,6 +16,7 @@
 #include <Dov/Atomics>
 
 #include "krell/DoorbellSupport.h"
+#include "krell/EngineSupport.h"
 
 namespace {
 
@@ -24,7 +25,8 @@ using namespace KrellTest;
 using State = DoorbellCaller::State;
 namespace Atomics = Dov::Atomics;
 
-constexpr int stuckMs = 60000; // a reader that sees nothing for so long sleeps for good
+constexpr U32 spinsOfASleep = 1U << 17; // more than it takes to be kicked and to fall asleep
+constexpr int stuckMs = 60000;          // a reader that sees nothing for so long sleeps for good
 
 // What writer and reader share beside the doorbell.
 struct Shared {
@@ -42,6 +44,12 @@ struct Shared {
 // in spite of the time that a word takes from one processor to the other.
 class Pause {
 public:
+    // Of up to 2^log2 loads.
+    explicit Pause( unsigned log2 = usual ) : log2_( log2 ) {}
+
+    static constexpr unsigned usual = 11;
+    static constexpr unsigned ofAFenceForAll = 16; // covers the sleeper's call
+
     void operator()() {
         for ( U32 i = length(); i != 0; --i ) {
             Atomics::loadAcquire( &state_ );
@@ -51,10 +59,11 @@ public:
         state_ ^= state_ << 13;
         state_ ^= state_ >> 7;
         state_ ^= state_ << 17;
-        return U32( state_ >> 32 ) % ( 1U << ( state_ % 12 ) );
+        return U32( state_ >> 32 ) % ( 1U << ( state_ % ( log2_ + 1 ) ) );
     }
 
 private:
+    const unsigned log2_;
     U64 state_ = 0x9e3779b97f4a7c15u;
 };
 
@@ -109,7 +118,7 @@ private:
 // the reader's page at hand, so that no slow load gives the change time to arrive first. False when
 // the reader was given up.
 bool publishUntil( U64 sleeps, Doorbell& bell, Shared& shared ) {
-    Pause pause;
+    Pause pause( bell.fences() == 0 ? Pause::ofAFenceForAll : Pause::usual );
     U64 head = 0;
     for ( bool more = true; more; ) {
         more = Atomics::loadAcquire( &shared.sleeps ) < sleeps;
@@ -127,7 +136,7 @@ bool publishUntil( U64 sleeps, Doorbell& bell, Shared& shared ) {
             if ( Atomics::loadAcquire( &shared.givenUp ) != 0 ) {
                 return false;
             }
-            if ( spins % 256 == 255 ) {
+            if ( spins % spinsOfASleep == spinsOfASleep - 1 ) {
                 std::this_thread::yield();
             }
         }
@@ -214,8 +223,19 @@ struct LateFollower : DoorbellCaller::Handler { // made before what it follows
     void handleDisconnected() override { follower->handleDisconnected(); }
 };
 
-TEST_F( DoorbellWakeTest, AReaderProcessIsCurrentAfterTheLastChange ) {
-    const U64 wakes = wakesWanted( 20000 );
+// The fence that the system refuses to one of the two; 0: none.
+class DoorbellWakeOfProcessesTest : public DoorbellWakeTest,
+                                    public testing::WithParamInterface< int > {};
+
+TEST_P( DoorbellWakeOfProcessesTest, AReaderIsCurrentAfterTheLastChange ) {
+    const U64 wakes = wakesWanted( 10000 );
+    if ( GetParam() != 0 &&
+         inChild( [] { return refuseMembarrier( GetParam(), EPERM ) ? 0 : 1; } ) != 0 ) {
+        GTEST_SKIP() << "this system refuses nothing on demand";
+    }
+    const auto refuse = []( int command ) {
+        return GetParam() != command || refuseMembarrier( command, EPERM );
+    };
     int ready[ 2 ];
     int done[ 2 ];
     ASSERT_EQ( ::pipe2( ready, O_CLOEXEC ), 0 );
@@ -228,12 +248,16 @@ TEST_F( DoorbellWakeTest, AReaderProcessIsCurrentAfterTheLastChange ) {
     const pid_t writer = process( [ & ] {
         runApart( 0 );
         Doorbell bell( debug_ );
+        if ( !refuse( commandOfWriters ) ) {
+            return false;
+        }
         bell.open( directory_ );
         if ( ::write( readyOut.get(), "k", 1 ) != 1 ||
              !turnUntil( [ & ] { return bell.connections() == 1; } ) ) {
             return false;
         }
-        return publishUntil( wakes, bell, *shared_ );
+        const bool agreed = GetParam() == 0 || bell.fences() == 1;
+        return agreed && publishUntil( wakes, bell, *shared_ );
     } );
     ASSERT_TRUE( hears( readyIn ) );
     const pid_t reader = process( [ & ] {
@@ -242,7 +266,7 @@ TEST_F( DoorbellWakeTest, AReaderProcessIsCurrentAfterTheLastChange ) {
         DoorbellCaller caller( debug_, handler );
         Follower follower( caller, *shared_ );
         handler.follower = &follower;
-        if ( !caller.call( *directory_ ) ) {
+        if ( !refuse( commandOfReaders ) || !caller.call( *directory_ ) ) {
             return false;
         }
         while ( !follower.isDone() && !follower.isLost() ) {
@@ -271,6 +295,10 @@ TEST_F( DoorbellWakeTest, AReaderProcessIsCurrentAfterTheLastChange ) {
     EXPECT_LE( shared_->kicksIssued, shared_->sleeps + shared_->idleRuns );
     report();
 }
+
+INSTANTIATE_TEST_SUITE_P( Refused,
+                          DoorbellWakeOfProcessesTest,
+                          testing::Values( 0, commandOfWriters, commandOfReaders ) );
 
 // The same between threads, for a sanitizer of races.
 TEST_F( DoorbellWakeTest, AReaderThreadIsCurrentAfterTheLastChange ) {

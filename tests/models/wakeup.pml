@@ -9,19 +9,34 @@
  * message, falling asleep) empties the buffer, as a fence does: so no mutant is saved or lost by it
  * but through the order of its own loads and stores.
  *
- * Run          Must    What it is
- *   MUTANT=0   hold    the protocol
- *   MUTANT=1   fail    no fence between the reader's armed flag and its last look
- *   MUTANT=2   fail    no fence between the writer's head and its look at the flag
- *   MUTANT=3   fail    armed after the last look
- *   MUTANT=4   fail    messages are received after the last look
- *   MUTANT=5   fail    each sleep draws the same ticket
- *   MUTANT=6   fail    no look at the queue when the writer has accepted the connection
- *   MUTANT=7   fail    the writer looks at the flag before it stores the head
+ * The sleeper sees to the writer's fence (DoorbellFence): in the middle of its call the writer's
+ * buffer is emptied, at whatever place the writer is. With BYWRITER the writer executes it itself,
+ * for each change, from its welcome on. Before that it has no fence: nobody is admitted.
+ *
+ * Run                      Must    What it is
+ *   MUTANT=0               hold    the protocol, the sleeper sees to the writer's fence
+ *   MUTANT=0 BYWRITER=1    hold    each has a fence of its own
+ *   MUTANT=1               fail    no fence between the reader's armed flag and its last look
+ *   MUTANT=1 BYWRITER=1    fail    likewise
+ *   MUTANT=2 BYWRITER=1    fail    no fence between the writer's head and its look at the flag
+ *   MUTANT=3               fail    armed after the last look
+ *   MUTANT=3 BYWRITER=1    fail    likewise
+ *   MUTANT=4               fail    messages are received after the last look
+ *   MUTANT=5               fail    each sleep draws the same ticket
+ *   MUTANT=6               fail    no look at the queue when the writer has accepted the connection
+ *   MUTANT=7               fail    the writer looks at the flag before it stores the head
+ *   MUTANT=7 BYWRITER=1    fail    likewise
+ *   MUTANT=8               fail    the sleeper has a fence for itself only
+ *   MUTANT=9               fail    the fence for both comes before the ticket is drawn
+ *   MUTANT=10              fail    the writer is not enlisted: the sleeper's fence passes it by
+ *   MUTANT=11              fail    the fence for both comes after the last look
  */
 
 #ifndef MUTANT
 #define MUTANT 0
+#endif
+#ifndef BYWRITER
+#define BYWRITER 0
 #endif
 
 #define CHANGES 4
@@ -41,6 +56,18 @@ end:
     :: atomic { head < written -> head++ }
     :: atomic { nempty( buffer ) -> buffer ? armed }
     od
+}
+
+/* The sleeper's, between its ticket and its last look. */
+inline readersFence() {
+#if MUTANT == 1
+    skip;
+#else
+    empty( buffer );
+#if !BYWRITER && MUTANT != 8 && MUTANT != 9 && MUTANT != 10 && MUTANT != 11
+    head = written; /* the writer's buffer is emptied; what it stores next is not in it yet */
+#endif
+#endif
 }
 
 inline ring() {
@@ -70,8 +97,11 @@ active proctype writer() {
         written++
 #else
         written++;
-#if MUTANT != 2
-        head == written; /* the full fence */
+#if BYWRITER && MUTANT != 2
+        if
+        :: admitted -> head == written /* the full fence */
+        :: else
+        fi;
 #endif
         ring()
 #endif
@@ -126,22 +156,27 @@ again:
         fi;
         ticket++;
         buffer ! ticket;
-        empty( buffer );
+        readersFence();
 #else
+#if MUTANT == 9
+        empty( buffer );
+        head = written;
+#endif
 #if MUTANT == 5
         ticket = 1;
 #else
         ticket++;
 #endif
         buffer ! ticket;
-#if MUTANT != 1
-        empty( buffer ); /* the full fence */
-#endif
+        readersFence();
         now = head;
         if
         :: now != seen -> buffer ! AWAKE; goto again
         :: else
         fi;
+#endif
+#if MUTANT == 11
+        head = written;
 #endif
 #if MUTANT == 4
         messages = 0;

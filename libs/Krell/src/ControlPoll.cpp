@@ -15,8 +15,9 @@ using Clock = std::chrono::steady_clock;
 constexpr U32 stampRounds = 50;
 // A round that only makes sure that nothing was missed comes after so many times the polling time.
 constexpr double slow = 25;
-// Of a processor that looks for more, some ten nanoseconds each.
-constexpr unsigned pauses = 32;
+// Between two looks for more, in seconds: each takes from the writer the cache line that it writes
+// with every change.
+constexpr double lookInterval = 1e-6;
 
 double secondsSince( Clock::time_point start ) {
     return std::chrono::duration< double >( Clock::now() - start ).count();
@@ -230,16 +231,19 @@ bool Control::follow() {
     }
 }
 
-// Looks a little longer before it goes to sleep. False: the writer's next change wakes it. Between
-// two looks it leaves the writer alone: each one takes from it the cache line that it writes next.
+// Looks a little longer before it goes to sleep. False: the writer's next change wakes it. How long
+// a pause takes differs from one processor to the other by a factor of ten, hence the clock.
 bool Control::somethingCame() {
     const auto start = Clock::now();
-    while ( sample_ > 0 && secondsSince( start ) * 1e6 < sample_ ) {
-        for ( unsigned i = 0; i < pauses; ++i ) {
-            __builtin_ia32_pause();
-        }
-        if ( follower_->isPending() ) {
-            return true;
+    const double sample = sample_ * 1e-6;
+    double looked = 0;
+    for ( double now = 0; now < sample; now = secondsSince( start ) ) {
+        __builtin_ia32_pause();
+        if ( now - looked >= lookInterval ) {
+            if ( follower_->isPending() ) {
+                return true;
+            }
+            looked = now;
         }
     }
     caller_->arm();

@@ -11,6 +11,7 @@
 #include <sys/un.h>
 
 #include <Dov/Atomics>
+#include <Krell/DoorbellFence>
 
 namespace Krell {
 
@@ -42,6 +43,7 @@ void Doorbell::open( std::shared_ptr< const Directory > directory ) {
             throwSystemFailure( "socket", directory_->pathOf( fileName_ ), errno );
         }
         publish( bindTemporary() );
+        enlisted_ = DoorbellFence::enlist();
         fdControl_->setFd( listening_.get() );
     } catch ( ... ) {
         close();
@@ -68,12 +70,13 @@ void Doorbell::close() noexcept {
         fdControl_->delFd();
     }
     listening_.reset();
+    bells_.clear();
     connections_.clear();
     fdControl_.reset();
     timer_.reset();
     directory_.reset();
     paused_ = false;
-    admitted_ = 0;
+    fences_ = 0;
 }
 
 // Binds the socket; the name in the directory.
@@ -123,20 +126,53 @@ void Doorbell::ringAll() noexcept {
     if ( !isOpen() ) {
         return; // a forked child
     }
-    Dov::Atomics::fullFence(); // SYNC( doorbell ): the caller stored the head before it
-    for ( const auto& connection : connections_ ) {
-        if ( connection->admitted() && connection->asleep() ) {
-            ++kicksIssued_;
-            admitted_ -= connection->kick() ? 0 : 1;
+    if ( fences_ != 0 ) [[unlikely]] {
+        Dov::Atomics::fullFence(); // SYNC( doorbell ): the caller stored the head before it
+    } else {
+        Dov::Atomics::compilerFence(); // SYNC( doorbell ): likewise; each sleeper has the rest
+    }
+    const Bell* end = bells_.data() + bells_.size();
+    for ( Bell* bell = bells_.data(); bell != end; ) {
+        const U64 ticket = Dov::Atomics::loadAcquire( bell->ticket );
+        if ( ticket == bell->seen ) [[likely]] {
+            ++bell;
+        } else if ( handleTicket( *bell, ticket ) ) {
+            ++bell;
+        } else {
+            --end;
         }
+    }
+}
+
+// False when the bell is gone, and the next one in its place.
+bool Doorbell::handleTicket( Bell& bell, U64 ticket ) noexcept {
+    bell.seen = ticket;
+    if ( ticket != DoorbellPage::awake_ ) {
+        ++kicksIssued_;
+        if ( !bell.connection->kick() ) {
+            silence( *bell.connection );
+            return false;
+        }
+    }
+    return true;
+}
+
+// Of one that is not admitted: nothing.
+void Doorbell::silence( const DoorbellConnection& connection ) noexcept {
+    const auto bell = std::find_if( bells_.begin(), bells_.end(), [ & ]( const Bell& one ) {
+        return one.connection == &connection;
+    } );
+    if ( bell != bells_.end() ) {
+        fences_ -= connection.needsFence() ? 1 : 0;
+        bells_.erase( bell );
     }
 }
 
 std::vector< Doorbell::Peer > Doorbell::peers() const {
     std::vector< Peer > result;
-    for ( const auto& connection : connections_ ) {
-        if ( isOpen() && connection->admitted() ) {
-            result.push_back( connection->peer() );
+    for ( const Bell& bell : bells_ ) {
+        if ( isOpen() ) {
+            result.push_back( bell.connection->peer( bell.seen ) );
         }
     }
     return result;
@@ -174,9 +210,11 @@ void Doorbell::take( DoorbellSocket socket ) {
         return traceText( caughtLevel, "refuses a reader: there are as many as can be" );
     }
     Owner& self = *this;
+    const DoorbellConnection::Offer offer { enlisted_, taken_++ % DoorbellPage::lines_ };
     try {
+        bells_.reserve( connections_.size() + 1 );
         connections_.push_back(
-            std::make_unique< DoorbellConnection >( self, std::move( socket ) ) );
+            std::make_unique< DoorbellConnection >( self, std::move( socket ), offer ) );
     } catch ( const std::exception& e ) {
         return traceText( caughtLevel, std::string( "cannot take a reader: " ) + e.what() );
     }
@@ -203,7 +241,8 @@ void Doorbell::handleReadable( DoorbellConnection& connection ) {
         return drop( connection, connection.fault() );
     }
     if ( !before && connection.admitted() ) {
-        ++admitted_;
+        bells_.push_back( { connection.ticket(), DoorbellPage::awake_, &connection } );
+        fences_ += connection.needsFence() ? 1 : 0;
         const Peer peer = connection.peer();
         traceText( stepLevel, "is connected with process " + std::to_string( peer.pid ) );
     }
@@ -213,7 +252,7 @@ void Doorbell::drop( DoorbellConnection& connection, const char* reason ) {
     const std::string who = "process " + std::to_string( connection.peer().pid );
     traceText( reason ? caughtLevel : stepLevel,
                reason ? "hangs up on " + who + ": " + reason : "is left by " + who );
-    admitted_ -= connection.admitted() ? 1 : 0;
+    silence( connection );
     connections_.erase(
         std::find_if( connections_.begin(), connections_.end(),
                       [ & ]( const auto& one ) { return one.get() == &connection; } ) );

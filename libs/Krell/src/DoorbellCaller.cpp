@@ -11,6 +11,7 @@
 
 #include <Dov/Atomics>
 #include <Krell/Doorbell>
+#include <Krell/DoorbellFence>
 
 namespace Krell {
 
@@ -130,7 +131,8 @@ bool DoorbellCaller::call( const Directory& directory ) {
         return false;
     }
     auto [ pageFile, page ] = makePage( path_ );
-    const auto hello = DoorbellMessage::of( DoorbellMessage::hello );
+    fence_ = DoorbellFence::forAll() ? DoorbellMessage::bySleeper : DoorbellMessage::byWriter;
+    const auto hello = DoorbellMessage::of( DoorbellMessage::hello, fence_ );
     if ( !sendWithDescriptor( socket.get(), hello, pageFile.get(), path_ ) ) {
         return false;
     }
@@ -154,25 +156,31 @@ void DoorbellCaller::hangUp() noexcept {
     }
 }
 
-void DoorbellCaller::arm() noexcept {
+void DoorbellCaller::arm() {
     if ( state() != State::connected ) {
         return;
     }
     armed_ = true;
-    Dov::Atomics::storeRelease( &page_->armed, ++ticket_ );
-    Dov::Atomics::fullFence(); // SYNC( doorbell ): the caller looks at the head after it
+    Dov::Atomics::storeRelease( &page_->ticket( line_ ), ++ticket_ );
+    // SYNC( doorbell ): the caller looks at the head after it
+    if ( fence_ == DoorbellMessage::byWriter ) {
+        Dov::Atomics::fullFence();
+    } else if ( !DoorbellFence::forAll() ) {
+        traceText( std::string( " for want of a fence: " ) + std::strerror( errno ) );
+        hangUp();
+    }
 }
 
 void DoorbellCaller::disarm() noexcept {
     if ( armed() ) {
         armed_ = false;
-        Dov::Atomics::storeRelease( &page_->armed, DoorbellPage::awake_ );
+        Dov::Atomics::storeRelease( &page_->ticket( line_ ), DoorbellPage::awake_ );
     }
 }
 
 void DoorbellCaller::consumedIs( U64 sequence ) noexcept {
     if ( state() == State::connected ) {
-        Dov::Atomics::storeRelease( &page_->consumed, sequence );
+        Dov::Atomics::storeRelease( &page_->consumed( line_ ), sequence );
     }
 }
 
@@ -230,25 +238,34 @@ DoorbellCaller::Received DoorbellCaller::receiveOne() {
         ++kicks_;
         return Received::kick;
     }
-    if ( state_ == State::calling && size == sizeof message &&
-         message == DoorbellMessage::of( DoorbellMessage::welcome ) ) {
-        state_ = State::connected;
-        ++connectionsMade_;
+    if ( state_ == State::calling && size == sizeof message && takeWelcome( message ) ) {
         return Received::welcome;
     }
     traceBroken( size );
     return Received::end;
 }
 
+bool DoorbellCaller::takeWelcome( DoorbellMessage message ) noexcept {
+    if ( !message.isWelcome( fence_ ) ) {
+        return false;
+    }
+    fence_ = DoorbellMessage::Fence( message.fence );
+    line_ = message.line;
+    state_ = State::connected;
+    ++connectionsMade_;
+    return true;
+}
+
 void DoorbellCaller::traceBroken( ssize_t size ) {
+    traceText( ": a message of " + std::to_string( size ) + " bytes that is no " +
+               ( state_ == State::calling ? "welcome" : "kick" ) );
+}
+
+void DoorbellCaller::traceText( const std::string& text ) {
     if ( debug_.enabled( caughtLevel ) ) {
-        constexpr int digits = 12;
-        std::stringstream text;
-        text.precision( digits );
-        text << "Krell::DoorbellCaller hangs up on '" << path_ << "', process " << peer()
-             << ": a message of " << size << " bytes that is no "
-             << ( state_ == State::calling ? "welcome" : "kick" );
-        debug_.dump( text, caughtLevel );
+        std::stringstream line;
+        line << "Krell::DoorbellCaller hangs up on '" << path_ << "', process " << peer() << text;
+        debug_.dump( line, caughtLevel );
     }
 }
 

@@ -90,9 +90,10 @@ DoorbellPageView mapPage( int file ) noexcept {
 
 } // namespace
 
-DoorbellConnection::DoorbellConnection( Owner& owner, DoorbellSocket socket )
+DoorbellConnection::DoorbellConnection( Owner& owner, DoorbellSocket socket, Offer offer )
     : owner_( owner ),
       socket_( std::move( socket ) ),
+      offer_( offer ),
       fdControl_( Platform::getFdControl( this ) ) {
     socklen_t size = sizeof credentials_;
     ::getsockopt( socket_.get(), SOL_SOCKET, SO_PEERCRED, &credentials_, &size );
@@ -101,11 +102,12 @@ DoorbellConnection::DoorbellConnection( Owner& owner, DoorbellSocket socket )
     fdControl_->setFd( socket_.get() );
 }
 
-DoorbellConnection::Peer DoorbellConnection::peer() const noexcept {
+DoorbellConnection::Peer DoorbellConnection::peer( U64 kickedFor ) const noexcept {
     Peer peer { credentials_.pid, credentials_.uid, 0, false };
     if ( admitted() ) {
-        peer.consumed = Dov::Atomics::loadAcquire( &page_->consumed );
-        peer.asleep = asleep();
+        const U64 now = Dov::Atomics::loadAcquire( ticket() );
+        peer.consumed = Dov::Atomics::loadAcquire( &page_->consumed( offer_.line ) );
+        peer.asleep = now != DoorbellPage::awake_ && now != kickedFor;
     }
     return peer;
 }
@@ -148,18 +150,17 @@ bool DoorbellConnection::receiveHello() noexcept {
     if ( size == 0 ) {
         return false;
     }
-    if ( size != sizeof hello || ( header.msg_flags & MSG_TRUNC ) ||
-         hello != DoorbellMessage::of( DoorbellMessage::hello ) ) {
+    if ( size != sizeof hello || ( header.msg_flags & MSG_TRUNC ) || !hello.isHello() ) {
         return failed( "its first message is no hello of this version" );
     }
     Fd file = passed.only();
     if ( !file || ( header.msg_flags & MSG_CTRUNC ) ) {
         return failed( "its hello did not bring one descriptor" );
     }
-    return admit( std::move( file ) );
+    return admit( std::move( file ), hello );
 }
 
-bool DoorbellConnection::admit( Fd file ) noexcept {
+bool DoorbellConnection::admit( Fd file, DoorbellMessage hello ) noexcept {
     if ( const char* const fault = faultOfPage( file.get() ) ) {
         return failed( fault );
     }
@@ -167,7 +168,9 @@ bool DoorbellConnection::admit( Fd file ) noexcept {
     if ( !page_ ) {
         return failed( "its page cannot be mapped" );
     }
-    const auto welcome = DoorbellMessage::of( DoorbellMessage::welcome );
+    const bool bySleeper = offer_.enlisted && hello.fence == DoorbellMessage::bySleeper;
+    fence_ = bySleeper ? DoorbellMessage::bySleeper : DoorbellMessage::byWriter;
+    const auto welcome = DoorbellMessage::of( DoorbellMessage::welcome, fence_, offer_.line );
     if ( !sendWhole( socket_.get(), &welcome, sizeof welcome ) ) {
         return false; // gone meanwhile
     }
@@ -185,11 +188,6 @@ bool DoorbellConnection::receiveRest() noexcept {
     return size < 0 && ( errno == EAGAIN || errno == EINTR );
 }
 
-U64 DoorbellConnection::ticket() const noexcept {
-    const U64 armed = Dov::Atomics::loadAcquire( &page_->armed );
-    return armed == DoorbellPage::awake_ ? kickedFor_ : armed;
-}
-
 void DoorbellConnection::hangUp() noexcept {
     if ( socket_ ) {
         ::shutdown( socket_.get(), SHUT_RDWR );
@@ -198,7 +196,6 @@ void DoorbellConnection::hangUp() noexcept {
 
 bool DoorbellConnection::kick() noexcept {
     const char byte = 1;
-    kickedFor_ = ticket();
     if ( sendWhole( socket_.get(), &byte, sizeof byte ) || errno == EAGAIN ) {
         return true; // EAGAIN: there are kicks enough that it did not receive yet
     }
