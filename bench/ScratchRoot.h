@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -9,9 +10,12 @@
 
 namespace Bench {
 
+// In memory, or where BENCH_DIR says.
 class ScratchRoot {
 public:
-    ScratchRoot() : path_( "/dev/shm/qelkrell-bench-XXXXXX" ) {
+    ScratchRoot() {
+        const char* const parent = getenv( "BENCH_DIR" );
+        path_ = std::string( parent ? parent : "/dev/shm" ) + "/qelkrell-bench-XXXXXX";
         if ( !mkdtemp( path_.data() ) ) {
             throw std::system_error( errno, std::generic_category(), path_ );
         }

@@ -1,18 +1,9 @@
 // Following a writer: what a drain costs in each role, what followers cost the writer, what a
 // stopped one costs, and how long a sleeping one takes to wake. Keys of 16 bytes, values of 48.
 
-#include <csignal>
-#include <functional>
-
 #include <benchmark/benchmark.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <Qel/System>
-
-#include "bench/Store.h"
+#include "bench/Follower.h"
 
 namespace Bench {
 namespace {
@@ -27,71 +18,6 @@ QelKrell::QelKrellType roleOf( const benchmark::State& state ) {
 U64 next( U64& at ) {
     at = at * 6364136223846793005u + 1442695040888963407u;
     return at >> 33;
-}
-
-U64 now() {
-    timespec t;
-    clock_gettime( CLOCK_MONOTONIC, &t );
-    return U64( t.tv_sec ) * 1000000000u + U64( t.tv_nsec );
-}
-
-// What a follower's process tells the benchmark.
-struct Shared {
-    std::atomic< U64 > notified;
-    std::atomic< U64 > toldAt; // of the last notification
-};
-
-// A process that follows in that role until it is killed.
-class FollowerProcess {
-public:
-    explicit FollowerProcess( QelKrell::QelKrellType role )
-        : shared_( new ( mmap( nullptr,
-                               sizeof( Shared ),
-                               PROT_READ | PROT_WRITE,
-                               MAP_SHARED | MAP_ANONYMOUS,
-                               -1,
-                               0 ) ) Shared() ),
-          pid_( fork() ) {
-        if ( pid_ == 0 ) {
-            follow( role );
-        }
-    }
-    ~FollowerProcess() {
-        kill( pid_, SIGKILL );
-        waitpid( pid_, nullptr, 0 );
-        munmap( shared_, sizeof( Shared ) );
-    }
-    FollowerProcess( const FollowerProcess& ) = delete;
-    FollowerProcess& operator=( const FollowerProcess& ) = delete;
-
-    const Shared& shared() const { return *shared_; }
-    void stop() {
-        kill( pid_, SIGSTOP );
-        int status = 0;
-        waitpid( pid_, &status, WUNTRACED );
-    }
-    void go() { kill( pid_, SIGCONT ); }
-
-private:
-    [[noreturn]] void follow( QelKrell::QelKrellType role ) {
-        const StorePtr store = open( role, 0 );
-        const auto watch = store->entry.onEntry( [ & ]( const auto& ) {
-            shared_->toldAt.store( now() );
-            shared_->notified.fetch_add( 1, std::memory_order_relaxed );
-        } );
-        for ( ;; ) {
-            Qel::System::runOnce( 1 );
-        }
-    }
-
-    Shared* const shared_;
-    const pid_t pid_;
-};
-
-void turnUntil( const std::function< bool() >& holds ) {
-    while ( !holds() ) {
-        Qel::System::runOnce( 0.001 );
-    }
 }
 
 // Each entry changes once, and is told and copied once.
@@ -139,7 +65,7 @@ void updateFollowed( benchmark::State& state ) {
     const double changes = double( state.iterations() );
     state.counters[ "kicks" ] = double( spent.kicksIssued ) / changes;
     state.counters[ "moved" ] = double( spent.conquerCompactions ) / changes;
-    state.counters[ "told" ] = double( processes[ 0 ]->shared().notified.load() ) / changes;
+    state.counters[ "told" ] = double( processes[ 0 ]->news().notified.load() ) / changes;
 }
 
 // A follower that is stopped while everything changes many times.
@@ -149,7 +75,7 @@ void stoppedFollower( benchmark::State& state ) {
     Filled filled( n );
     filled.reader = nullptr;
     FollowerProcess process( roleOf( state ) );
-    turnUntil( [ & ] { return process.shared().notified.load() >= n; } );
+    turnUntil( [ & ] { return process.news().notified.load() >= n; } );
     process.stop();
     const auto queueBytes = [ & ] {
         return filled.writer->entry.core().writer().queue()->places() * 8 + 128;
@@ -164,7 +90,7 @@ void stoppedFollower( benchmark::State& state ) {
             }
         }
     }
-    const U64 before = process.shared().notified.load();
+    const U64 before = process.news().notified.load();
     process.go();
     const U64 start = now();
     turnUntil( [ & ] {
@@ -173,7 +99,7 @@ void stoppedFollower( benchmark::State& state ) {
                peers[ 0 ].consumed == filled.writer->entry.control().sequence();
     } );
     state.counters[ "catchUpMs" ] = double( now() - start ) / 1e6;
-    state.counters[ "caughtUpWith" ] = double( process.shared().notified.load() - before );
+    state.counters[ "caughtUpWith" ] = double( process.news().notified.load() - before );
     state.counters[ "queueBytes" ] = double( peak );
     state.SetItemsProcessed( S64( changes ) * state.iterations() );
 }
@@ -196,9 +122,9 @@ void wake( benchmark::State& state ) {
         const U64 start = now();
         ++i;
         filled.writer->entry.is( entryOf( i % 1000, i ) );
-        while ( process.shared().toldAt.load() < start ) {
+        while ( process.news().toldAt.load() < start ) {
         }
-        times.push_back( process.shared().toldAt.load() - start );
+        times.push_back( process.news().toldAt.load() - start );
         state.SetIterationTime( double( times.back() ) / 1e9 );
     }
     std::sort( times.begin(), times.end() );

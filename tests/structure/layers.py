@@ -20,7 +20,11 @@ INCLUDE_ROOTS = (
 OUR_PREFIXES = ("Qel/", "Dov/", "Norvo/", "Krell/", "QelKrell/")
 # Headers of the system that stand in a directory; anything else with a "/" is a foreign library.
 SYSTEM_PREFIXES = ("sys/", "linux/", "netinet/", "arpa/", "net/", "asm/")
-FOREIGN = {"tests": ("gtest/", "gmock/"), "bench": ("benchmark/",), "bindings": ("pybind11/",)}
+FOREIGN = {
+    "tests": ("gtest/", "gmock/"),
+    "bench": ("benchmark/", "absl/", "boost/", "hiredis/", "urcu/"),
+    "bindings": ("pybind11/",),
+}
 
 INCLUDE = re.compile(r'^[ \t]*#[ \t]*include[ \t]*([<"])([^>"\n]+)[>"]', re.MULTILINE)
 
