@@ -443,14 +443,23 @@ TEST_F( SharedMemTest, WithoutSpaceNothingIsLeftOrChanged ) {
     EXPECT_EQ( fileSize( "slots" ), 2000U );
 }
 
-// No address space: the mapping of a creation fails, and its file goes too.
+// Bytes of addresses that the process takes up.
+rlim_t addressesTaken() {
+    rlim_t pages = 0;
+    std::ifstream( "/proc/self/statm" ) >> pages;
+    return pages * rlim_t( ::sysconf( _SC_PAGESIZE ) );
+}
+
+// Hardly any address space (a sanitizer may need some): the mapping of a creation fails, and its
+// file goes too.
 int exhaustAddresses( const std::string& directory ) {
     SharedMem mem( directory, "slots", false, false );
     if ( !mem.attach( 4096, SharedMem::create ) ) {
         return 1;
     }
     bytes( mem )[ 0 ] = 'x';
-    const rlimit limit = { 4096, 4096 };
+    const rlim_t most = addressesTaken() + ( rlim_t( 16 ) << 20 );
+    const rlimit limit = { most, most };
     ::setrlimit( RLIMIT_AS, &limit );
     SharedMem large( directory, "large", false, false );
     if ( large.attach( 64 << 20, SharedMem::create ) || large.errorNumber() != ENOMEM ||

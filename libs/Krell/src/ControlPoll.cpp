@@ -236,8 +236,9 @@ bool Control::follow() {
 bool Control::somethingCame() {
     const auto start = Clock::now();
     const double sample = sample_ * 1e-6;
+    double now = 0;
     double looked = 0;
-    for ( double now = 0; now < sample; now = secondsSince( start ) ) {
+    while ( now < sample ) {
         __builtin_ia32_pause();
         if ( now - looked >= lookInterval ) {
             if ( follower_->isPending() ) {
@@ -245,6 +246,7 @@ bool Control::somethingCame() {
             }
             looked = now;
         }
+        now = secondsSince( start );
     }
     caller_->arm();
     if ( !follower_->isPending() ) {

@@ -14,7 +14,7 @@ namespace {
 
 // Free places below which more are freed: a share of all, and what two runs may need.
 constexpr U64 scarceShare = 16;
-constexpr U64 scarceLeast = 2 * QueueSegment::run_;
+constexpr U64 scarceLeast = U64( 2 ) * QueueSegment::run_;
 
 // 0 is none; its successor has to be of the other file.
 constexpr U32 generationAfter( U32 generation ) { return generation + 1 ? generation + 1 : 2; }
