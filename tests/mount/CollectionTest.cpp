@@ -64,6 +64,46 @@ TEST_P( CollectionTest, FindLeavesTheValueAloneWhenTheKeyIsAbsent ) {
     EXPECT_TRUE( same( r, { 7, 21.5, 1 } ) );
 }
 
+// More than a batch, keys that come twice, new and known and equal ones: each in its turn.
+TEST_P( CollectionTest, ManyAreWrittenAsOneByOne ) {
+    for ( U32 i = 0; i < 40; ++i ) {
+        plant->reading.is( { i, 1.0, i } );
+    }
+    std::vector< U32 > told;
+    const auto watch =
+        plant->reading.onEntry( [ & ]( const U32& sensor ) { told.push_back( sensor ); } );
+    std::vector< Reading > values;
+    std::vector< U32 > changed;
+    for ( U32 i = 0; i < 200; ++i ) {
+        const U32 sensor = i * 7 % 90;
+        const bool equal = i < 13 && sensor < 40;
+        values.push_back( { sensor, equal ? 1.0 : i + 2.0, equal ? sensor : i } );
+        if ( !equal ) {
+            changed.push_back( sensor );
+        }
+    }
+    plant->reading.isMany( values );
+    EXPECT_EQ( told, changed );
+    EXPECT_EQ( plant->reading.size(), 90u );
+    std::map< U32, Reading > last;
+    for ( const Reading& r : values ) {
+        last[ r.sensor ] = r;
+    }
+    for ( const auto& [ sensor, r ] : last ) {
+        EXPECT_TRUE( same( *plant->reading( sensor ), r ) ) << sensor;
+    }
+    plant->reading.isMany( {} );
+    EXPECT_EQ( told, changed );
+}
+
+TEST( CollectionRoleTest, AReaderDoesNotWriteManyEither ) {
+    const QelKrellTest::Root root;
+    const Mounted reader { QelKrell::MountInfo( QelKrell::reader ), false };
+    const std::vector< Reading > values { { 7, 2, 2 } };
+    EXPECT_THROW( reader->reading.isMany( values ), QelKrell::InvalidInitializeException );
+    EXPECT_EQ( reader->reading.size(), 0u );
+}
+
 TEST_P( CollectionTest, KeysMayBeText ) {
     EXPECT_TRUE( plant->limit.is( { "high", 90 } ) );
     EXPECT_TRUE( plant->limit.is( { "", 1 } ) );

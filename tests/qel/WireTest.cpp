@@ -2,6 +2,8 @@
 
 #include <Qel/Wire>
 
+#include <cstring>
+
 #include <gmock/gmock.h>
 
 namespace WireTypes {
@@ -75,6 +77,41 @@ TEST( Wire, BytesAreTheSameOnEveryWidth ) {
     Record back;
     RecordWire::get( bytes.data(), back );
     EXPECT_TRUE( Qel::tableEqual( record, back ) );
+}
+
+TEST( Wire, WordsHoldTheSameBytes ) {
+    std::array< Qel::U8, 64 > bytes {};
+    RecordWire::put( bytes.data(), record );
+    Qel::U64 words[ 8 ] = {};
+    RecordWire::toWords< 0 >( words, record );
+    EXPECT_EQ( std::memcmp( words, bytes.data(), sizeof words ), 0 );
+    Record back;
+    RecordWire::fromWords< 0 >( words, back );
+    EXPECT_TRUE( Qel::tableEqual( record, back ) );
+}
+
+TEST( Wire, WordsOfLongArraysAndStringsHoldTheSameBytes ) {
+    using Long = std::array< Qel::U32, 41 >;
+    using Text = Qel::FixedString< 77 >;
+    Long numbers;
+    for ( std::size_t i = 0; i < numbers.size(); ++i ) {
+        numbers[ i ] = Qel::U32( i * 0x01010101 );
+    }
+    const Text text( std::string_view( std::string( 76, 'y' ) ) );
+    Qel::U64 words[ 24 ] = {};
+    Qel::Wire< Long >::toWords< 8 >( words, numbers );
+    EXPECT_EQ( words[ 0 ], 0U );
+    EXPECT_EQ( std::memcmp( words + 1, numbers.data(), sizeof numbers ), 0 );
+    Long numbersBack {};
+    Qel::Wire< Long >::fromWords< 8 >( words, numbersBack );
+    EXPECT_EQ( numbersBack, numbers );
+
+    Qel::U64 textWords[ 11 ] = {};
+    Qel::Wire< Text >::toWords< 3 >( textWords, text );
+    Text textBack;
+    Qel::Wire< Text >::fromWords< 3 >( textWords, textBack );
+    EXPECT_EQ( textBack, text );
+    EXPECT_EQ( textWords[ 0 ] & 0xffffff, 0U );
 }
 
 TEST( Wire, SkippedAttributesAreLeftAlone ) {
