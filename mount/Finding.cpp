@@ -1,6 +1,7 @@
 #include <cstring>
 
 #include <Krell/DirNode>
+#include <Qel/Text>
 #include <QelKrell/Exception>
 #include <QelKrell/KrellMount>
 
@@ -20,6 +21,19 @@ Qel::String8 normalised( const Qel::String8& path ) {
         --end;
     }
     return path.substr( begin, end - begin );
+}
+
+// A path below the directory is asked for: none that leads out of it, none that a NUL byte would
+// cut short.
+void needPathBelow( const Qel::String8& path, const Qel::String8& below ) {
+    const std::string framed = "/" + below.stdString() + "/";
+    if ( framed.find( "/../" ) != std::string::npos || framed.find( '\0' ) != std::string::npos ) {
+        const Qel::String8 message =
+            "Mount::find() path: " + Qel::valueToStrep( path ) +
+            " has a component that is no name: '..' or one with a NUL byte";
+        traceMount( errorLevel, [ & ]( std::ostream& text ) { text << message; } );
+        throw Qel::InternalException( message );
+    }
 }
 
 bool isSelfOrParent( const char* name ) {
@@ -77,6 +91,7 @@ Qel::Entity::Ptr Mount::find( Qel::String8 path ) const {
     const KrellEntities::Ptr counts = krellEntitiesFactory( "KrellEntities" );
     const Qel::String8 prefix = krellDir_->fullName().substr( 1 );
     const Qel::String8 below = normalised( path );
+    needPathBelow( path, below );
     const Qel::String8 top = rootPath_ + "/" + prefix + ( below.empty() ? below : "/" + below );
     try {
         walk( std::make_shared< Krell::DirNode >( mountHandler(), top.stdString(), nullptr ),
