@@ -12,7 +12,7 @@ namespace {
 constexpr unsigned keyWords = 2;
 constexpr unsigned valueWords = 6;
 constexpr U64 entries = 300;
-constexpr U64 changes = 5000; // several times round the queue of some 500 places
+constexpr U64 changes = 5000; // several times round the queue of some 2000 places
 
 std::array< U64, keyWords > keyOf( U64 n ) { return { n, ~n }; }
 

@@ -24,7 +24,7 @@ namespace {
 
 constexpr unsigned words = 4;
 constexpr U64 changesAtLeast = 100000;
-constexpr U64 changesAtMost = 4000000;
+constexpr U64 changesAtMost = 16000000;
 constexpr U64 pinned = 8;     // keys that are always there
 constexpr U64 churning = 40;  // keys that come and go
 constexpr U64 growing = 1900; // keys that come one by one
@@ -40,7 +40,8 @@ using Contents = std::map< U64, Value >;
 std::string textOf( const QelKrell::ReaderCounters& counters ) {
     std::ostringstream text;
     text << "notified " << counters.conquerNotified << ", tombed " << counters.conquerTombed
-         << ", restarts " << counters.conquerRestarts << ", resizes " << counters.conquerResizes
+         << ", restarts " << counters.conquerRestarts << ", probes "
+         << counters.conquerProbes << ", resizes " << counters.conquerResizes
          << ", yields " << counters.conquerYields;
     return text.str();
 }
@@ -71,9 +72,10 @@ public:
         }
         const QelKrell::ReaderCounters counters = readerCounters();
         yields_ = counters.conquerYields;
-        return counters.conquerNotified > 300 && counters.conquerTombed > 0 &&
-               ( counters.conquerResizes > 0 || !grows_ ) &&
-               ( pace_ == 0 || counters.conquerRestarts > 3 ) && deletions > 0;
+        const bool ownWay = pace_ == 0 ? counters.conquerTombed > 0
+                                       : counters.conquerRestarts > 3 && counters.conquerProbes > 0;
+        return counters.conquerNotified > 300 && ownWay &&
+               ( counters.conquerResizes > 0 || !grows_ ) && deletions > 0;
     }
     // The writer is at rest.
     void finish() {

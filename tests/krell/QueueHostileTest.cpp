@@ -10,7 +10,6 @@
 #include "krell/QueueSupport.h"
 
 using namespace KrellTest;
-using Krell::QueueEntry;
 using Krell::QueueHeader;
 using Krell::QueueMark;
 using Drain = Krell::QueueReader::Drain;
@@ -20,6 +19,8 @@ namespace {
 constexpr std::size_t entriesAt = sizeof( QueueHeader );
 constexpr std::size_t markAt = offsetof( QueueHeader, mark );
 constexpr std::size_t tailAt = offsetof( QueueHeader, tail );
+constexpr std::size_t roundAt = offsetof( QueueHeader, round );
+constexpr std::size_t roundBeforeAt = offsetof( QueueHeader, roundBefore );
 constexpr std::size_t stampAt = offsetof( QueueHeader, fenix );
 constexpr unsigned drainsAtMost = 8;
 constexpr U32 slots = 60; // all of which were used
@@ -37,7 +38,7 @@ class QueueHostileTest : public testing::Test {
 protected:
     QueueHostileTest() {
         QueueWriterSide writer( place, slots );
-        for ( U64 n = 0; n < 400; ++n ) {
+        for ( U64 n = 0; n < 750; ++n ) {
             writer.put( n % 30, n );
             writer.put( 30 + n % 20, n );
             writer.del( 30 + n % 20 );
@@ -69,7 +70,8 @@ protected:
         return value;
     }
     std::size_t placeAt( U64 position ) const {
-        return entriesAt + 8 * ( position - ( position < round ? roundBefore : round ) );
+        return entriesAt +
+               sizeof( U32 ) * ( position - ( position < round ? roundBefore : round ) );
     }
     // The checksum as it should be.
     static void seal( std::string& bytes ) {
@@ -86,10 +88,10 @@ protected:
                 U64 told = 0;
                 outcome.last = reader.queue.drain( [ & ]( U32 slot ) {
                     reader.keyAt( slot );
+                    ++outcome.told;
                     return ++told <= 4 * places;
                 } );
                 EXPECT_LE( told, 4 * places );
-                outcome.told += told;
                 if ( outcome.last != Drain::end ) {
                     break;
                 }
@@ -101,14 +103,33 @@ protected:
         }
         return outcome;
     }
+    // A reader that stands at that position, and does not know the changes that were made since: as
+    // many as there are slots, at the least.
+    std::unique_ptr< QueueReaderSide > readerAt( U64 position ) {
+        store( [ & ]( std::string& b ) {
+            const U64 sequence = ( word( b, markAt ) >> 32 ) - ( head - position ) - slots;
+            set( b, markAt, QueueMark( sequence, position ).word() );
+        } );
+        auto reader = std::make_unique< QueueReaderSide >( place );
+        reader->keys();
+        EXPECT_EQ( reader->last, Drain::end );
+        store( []( std::string& ) {} );
+        return reader;
+    }
+    // How many slots it was told before.
+    U64 expectCorruptTo( QueueReaderSide& reader, const std::string& what ) {
+        const Outcome outcome = drain( reader );
+        EXPECT_EQ( outcome.thrown, "CorruptionDetectedException" ) << int( outcome.last );
+        EXPECT_NE( outcome.message.find( what ), std::string::npos ) << outcome.message;
+        return outcome.told;
+    }
     Outcome newcomer() {
         QueueReaderSide reader( place );
         return drain( reader );
     }
     void expectCorrupt( const std::string& what ) {
-        const Outcome outcome = newcomer();
-        EXPECT_EQ( outcome.thrown, "CorruptionDetectedException" ) << int( outcome.last );
-        EXPECT_NE( outcome.message.find( what ), std::string::npos ) << outcome.message;
+        QueueReaderSide reader( place );
+        expectCorruptTo( reader, what );
     }
     void expectAbsent() {
         const Outcome outcome = newcomer();
@@ -121,6 +142,18 @@ protected:
     }
 
     QueuePlace place;
+    // The slots of the last entries.
+    std::set< U32 > behind( U64 distance ) const {
+        std::set< U32 > met;
+        for ( U64 position = head - distance; position != head; ++position ) {
+            U32 slot = 0;
+            bytes.copy( reinterpret_cast< char* >( &slot ), sizeof slot, placeAt( position ) );
+            met.insert( slot );
+        }
+        return met;
+    }
+
+    U64 value = 100000;
     U64 head = 0;
     U64 tail = 0;
     U64 round = 0;
@@ -162,16 +195,64 @@ TEST_F( QueueHostileTest, AHeaderWithARightChecksumIsStillCheckedForItsSize ) {
     }
 }
 
+// Where the sorted part ends and what it began with: a newcomer knows nothing that it could miss,
+// and a follower gets an answer.
 TEST_F( QueueHostileTest, AnOrderThatIsNoneLosesNoneOrIsHarmless ) {
-    QueueReaderSide reader( place );
-    ASSERT_EQ( reader.keys().size(), slots );
-    for ( const U64 sortedEnd : { U64( 0 ), U64( 1 ), tail + 7, head, head + 1, ~U64( 0 ) } ) {
-        store( [ & ]( std::string& b ) {
-            set( b, offsetof( QueueHeader, sortedEnd ), sortedEnd );
-            seal( b );
-        } );
+    const auto with = [ & ]( U64 sortedEnd, U64 firstPosition ) {
+        SCOPED_TRACE( std::to_string( sortedEnd ) + ", " + std::to_string( firstPosition ) );
+        const std::string now = bytesOf( file );
+        std::string b = now;
+        set( b, offsetof( QueueHeader, sortedEnd ), sortedEnd );
+        set( b, offsetof( QueueHeader, firstPosition ), firstPosition );
+        seal( b );
+        bytesInto( file, b );
         EXPECT_EQ( newcomer().told, slots );
-        expectHarmless( drain( reader ) );
+        QueueReaderSide halfway( place );
+        halfway.some( 7 );
+        expectHarmless( drain( halfway ) );
+        bytesInto( file, now );
+    };
+    const auto withAll = [ & ] {
+        for ( const U64 sortedEnd :
+              { U64( 0 ), U64( 1 ), tail, tail + 7, head, head + 1, ~U64( 0 ) } ) {
+            for ( const U64 firstPosition : { U64( 0 ), U64( 1 ), tail - 1, tail, tail + 1,
+                                              head + 1, U64( 1 ) << 63, ~U64( 0 ) } ) {
+                with( sortedEnd, firstPosition );
+            }
+        }
+    };
+    withAll();
+    // In a generation of which nothing was moved.
+    QueueReaderSide former( place );
+    former.keys();
+    QueueWriterSide writer( place );
+    writer.put( 1, ++value );
+    file = writer.file();
+    head = writer.head();
+    tail = writer.tail();
+    withAll();
+    EXPECT_EQ( former.keys(), std::vector< U64 > { 1 } );
+}
+
+// Also one that lost its place, and looks for it there.
+TEST_F( QueueHostileTest, ASearchInAnOrderThatIsNoneIsHarmless ) {
+    for ( const U64 sortedEnd : { U64( 0 ), U64( 1 ), U64( 1 ) << 32, ~U64( 0 ) } ) {
+        for ( const U64 firstPosition : { U64( 0 ), U64( 1 ), U64( 1 ) << 63, ~U64( 0 ) } ) {
+            SCOPED_TRACE( std::to_string( sortedEnd ) + ", " + std::to_string( firstPosition ) );
+            QueueReaderSide former( place );
+            ASSERT_EQ( former.keys().size(), slots );
+            QueueWriterSide writer( place );
+            writer.put( 1, ++value );
+            writer.put( 2, ++value );
+            std::string b = bytesOf( writer.file() );
+            set( b, offsetof( QueueHeader, sortedEnd ), sortedEnd );
+            set( b, offsetof( QueueHeader, firstPosition ), firstPosition );
+            seal( b );
+            bytesInto( writer.file(), b );
+            const Outcome outcome = drain( former );
+            expectHarmless( outcome );
+            EXPECT_EQ( outcome.told, 2U ) << "entries that it does not know, or all slots";
+        }
     }
 }
 
@@ -192,7 +273,7 @@ TEST_F( QueueHostileTest, AStampOrAGenerationOfOthersAndAMissingFileAreNoCorrupt
 
 TEST_F( QueueHostileTest, AShortenedFileIsRefused ) {
     for ( const std::size_t size : { std::size_t( 1 ), std::size_t( 64 ), entriesAt - 1, entriesAt,
-                                     entriesAt + 8, bytes.size() - 8, bytes.size() - 1 } ) {
+                                     entriesAt + 4, bytes.size() - 4, bytes.size() - 1 } ) {
         SCOPED_TRACE( size );
         store( [ & ]( std::string& b ) { b.resize( size ); } );
         expectCorrupt( size < entriesAt ? "bad size: " + std::to_string( size )
@@ -221,24 +302,49 @@ TEST_F( QueueHostileTest, WhatIsNoRegularFileIsRefused ) {
 }
 
 TEST_F( QueueHostileTest, EntriesOfSlotsThatAreNoneAreCorruption ) {
-    for ( const U32 slot : { slots, slots + 1, 1000U, QueueEntry::slotLimit_ } ) {
-        SCOPED_TRACE( slot );
-        store( [ & ]( std::string& b ) {
-            set( b, placeAt( head - 1 ), QueueEntry( slot, word( b, markAt ) >> 32 ).word() );
-        } );
-        expectCorrupt( "an entry of slot " + std::to_string( slot ) );
-        // A tombstone of the past is passed over, and one of the future is not.
-        store( [ & ]( std::string& b ) {
-            const U32 last = U32( word( b, markAt ) >> 32 );
-            set( b, placeAt( head - 1 ), QueueEntry::tombstone( slot, last ).word() );
-        } );
-        EXPECT_EQ( newcomer().thrown, "" );
-        store( [ & ]( std::string& b ) {
-            const U32 last = U32( word( b, markAt ) >> 32 );
-            set( b, placeAt( head - 1 ), QueueEntry::tombstone( slot, last + 1 ).word() );
-        } );
-        expectCorrupt( "an entry of slot " + std::to_string( slot ) );
+    for ( const U32 slot : { slots, slots + 1, 1000U, 0x7fffffffU, 0x80000000U, 0xffffffffU } ) {
+        for ( const U64 distance : { 1, 2, 70 } ) {
+            SCOPED_TRACE( std::to_string( slot ) + ", " + std::to_string( distance ) );
+            const auto reader = readerAt( head - 80 );
+            store( [ & ]( std::string& b ) { set( b, placeAt( head - distance ), slot ); } );
+            U64 told = expectCorruptTo( *reader, "an entry of slot " + std::to_string( slot ) );
+            told += expectCorruptTo( *reader, "an entry of slot " + std::to_string( slot ) );
+            EXPECT_EQ( newcomer().told, slots ) << "it looks through the slots";
+            store( []( std::string& ) {} );
+            const Outcome outcome = drain( *reader );
+            EXPECT_EQ( outcome.thrown, "" );
+            EXPECT_EQ( outcome.last, Drain::empty );
+            EXPECT_EQ( told + outcome.told, behind( 80 ).size() ) << "what is put right is told";
+        }
     }
+}
+
+// Whoever looks for its place there either meets it or walks; it is not told less.
+TEST_F( QueueHostileTest, AWildSlotInTheSortedPartIsMetOrPassed ) {
+    std::vector< std::unique_ptr< QueueReaderSide > > former;
+    for ( U64 n = 0; n < slots; ++n ) {
+        former.push_back( std::make_unique< QueueReaderSide >( place ) );
+        ASSERT_EQ( former.back()->keys().size(), slots );
+    }
+    QueueWriterSide writer( place );
+    ASSERT_EQ( writer.head() - writer.tail(), slots );
+    writer.put( 1, ++value );
+    MappedFile mapped( writer.file() );
+    U64 met = 0;
+    for ( U64 n = 0; n < slots; ++n ) {
+        SCOPED_TRACE( n );
+        U32& entry = mapped.half( writer.placeAt( writer.tail() + n ) );
+        const U32 whole = std::exchange( entry, slots );
+        const Outcome outcome = newcomer();
+        expectHarmless( outcome );
+        EXPECT_EQ( outcome.told, outcome.thrown.empty() ? slots : 0U );
+        met += !outcome.thrown.empty();
+        EXPECT_EQ( former[ n ]->keys(), std::vector< U64 > { 1 } );
+        entry = whole;
+        EXPECT_EQ( newcomer().told, slots );
+    }
+    EXPECT_GT( met, 0U );
+    EXPECT_LT( met, slots );
 }
 
 TEST_F( QueueHostileTest, AFollowingReaderMeetsAWildSlotAsCorruption ) {
@@ -248,15 +354,79 @@ TEST_F( QueueHostileTest, AFollowingReaderMeetsAWildSlotAsCorruption ) {
     writer.put( 1, 7 );
     writer.put( 2, 7 );
     MappedFile mapped( writer.file() );
-    U64& entry = mapped.word( writer.placeAt( writer.head() - 1 ) );
-    const U64 whole = entry;
-    entry = QueueEntry( 12345, writer.table.sequence() ).word();
-    const Outcome outcome = drain( reader );
-    EXPECT_EQ( outcome.thrown, "CorruptionDetectedException" );
-    EXPECT_NE( outcome.message.find( "an entry of slot 12345" ), std::string::npos );
+    U32& entry = mapped.half( writer.placeAt( writer.head() - 1 ) );
+    const U32 whole = std::exchange( entry, 12345 );
+    expectCorruptTo( reader, "an entry of slot 12345" );
     // What is put right is told.
     entry = whole;
-    EXPECT_EQ( reader.keys(), std::vector< U64 > { 2 } );
+    EXPECT_EQ( reader.keys(), ( std::vector< U64 > { 1, 2 } ) );
+}
+
+// The position that a slot names stands in another file, of which nothing is checked by a sum.
+constexpr U64 wildPositions[] = { 0,
+                                  1,
+                                  U64( 1 ) << 32,
+                                  U64( 1 ) << 61,
+                                  ( U64( 1 ) << 62 ) - 1,
+                                  U64( 1 ) << 62,
+                                  ( U64( 1 ) << 62 ) + 1,
+                                  U64( 1 ) << 63,
+                                  ~U64( 0 ) };
+
+TEST_F( QueueHostileTest, WildPositionsInSlotsLoseNothingOfAFollower ) {
+    for ( const U64 wild : wildPositions ) {
+        for ( const bool all : { true, false } ) {
+            SCOPED_TRACE( std::to_string( wild ) + ( all ? ", all" : ", one" ) );
+            QueueWriterSide writer( place );
+            QueueReaderSide reader( place );
+            ASSERT_EQ( reader.keys().size(), slots );
+            for ( const U64 key : { 1, 2, 3, 2, 1 } ) {
+                writer.put( key, ++value );
+            }
+            std::map< U32, U64 > former;
+            for ( const U32 slot : all ? writer.slotsInOrder()
+                                       : std::vector< U32 > { writer.slotsInOrder().back() } ) {
+                former[ slot ] = std::exchange( writer.positionOf( slot ), wild );
+            }
+            const auto times = reader.timesTold();
+            EXPECT_EQ( times, ( std::map< U64, unsigned > { { 1, 1 }, { 2, 1 }, { 3, 1 } } ) );
+            EXPECT_EQ( reader.queue.sequence(), writer.table.sequence() );
+            EXPECT_EQ( newcomer().told, slots );
+            for ( const auto& [ slot, position ] : former ) {
+                writer.positionOf( slot ) = position;
+            }
+            writer.expectSound();
+        }
+    }
+}
+
+TEST_F( QueueHostileTest, WildPositionsInSlotsAreMendedByTheNextWriter ) {
+    auto writer = std::make_unique< QueueWriterSide >( place );
+    for ( const U64 wild : wildPositions ) {
+        for ( const bool all : { true, false } ) {
+            SCOPED_TRACE( std::to_string( wild ) + ( all ? ", all" : ", one" ) );
+            QueueReaderSide reader( place );
+            ASSERT_EQ( reader.keys().size(), slots );
+            for ( const U64 key : { 1, 2, 3, 2, 1 } ) {
+                writer->put( key, ++value );
+            }
+            const auto inOrder = writer->slotsInOrder();
+            for ( const U32 slot : all ? inOrder : std::vector< U32 > { inOrder.front() } ) {
+                writer->positionOf( slot ) = wild;
+            }
+            writer.reset();
+            writer = std::make_unique< QueueWriterSide >( place );
+            writer->expectSound();
+            EXPECT_EQ( reader.timesTold(),
+                       ( std::map< U64, unsigned > { { 1, 1 }, { 2, 1 }, { 3, 1 } } ) );
+            for ( U64 n = 0; n < 2 * writer->queue().places(); ++n ) {
+                writer->put( n % 30, ++value );
+            }
+            writer->expectSound();
+            EXPECT_EQ( reader.timesTold().size(), 30U );
+            EXPECT_EQ( newcomer().told, slots );
+        }
+    }
 }
 
 TEST_F( QueueHostileTest, AHeadFarAwayAndATailThatGoesBackAreCorruption ) {
@@ -287,8 +457,8 @@ TEST_F( QueueHostileTest, AHeadFarAwayAndATailThatGoesBackAreCorruption ) {
     }
 }
 
-// A newcomer's drain and a follower's, with every pair of wrong starts: an exception that names
-// what was wrong, or an end, in bounded time.
+// A newcomer's drain and those of followers in both rounds, with every pair of wrong starts: an
+// exception that names what was wrong, or an end, in bounded time.
 TEST_F( QueueHostileTest, RoundsOfNonsenseAreRefusedOrHarmless ) {
     const U64 starts[] = {
         0,         1,    tail,     roundBefore,   roundBefore + 1, round,          round - 1,
@@ -299,18 +469,18 @@ TEST_F( QueueHostileTest, RoundsOfNonsenseAreRefusedOrHarmless ) {
     for ( const U64 first : starts ) {
         for ( const U64 second : starts ) {
             SCOPED_TRACE( std::to_string( first ) + ", " + std::to_string( second ) );
-            store( []( std::string& ) {} );
-            QueueReaderSide follower( place );
-            follower.some( 7 );
-            MappedFile mapped( file );
-            mapped.word( offsetof( QueueHeader, round ) ) = first;
-            mapped.word( offsetof( QueueHeader, roundBefore ) ) = second;
-            const Outcome outcome = newcomer();
-            expectHarmless( outcome );
-            refused += !outcome.thrown.empty();
-            expectHarmless( drain( follower ) );
-            if ( first == round && second == roundBefore ) {
-                EXPECT_EQ( outcome.told, slots );
+            for ( const U64 position : { round - 5, head - 5 } ) {
+                const auto reader = readerAt( position );
+                MappedFile mapped( file );
+                mapped.word( roundAt ) = first;
+                mapped.word( roundBeforeAt ) = second;
+                const Outcome outcome = drain( *reader );
+                expectHarmless( outcome );
+                refused += !outcome.thrown.empty();
+                if ( first == round && second == roundBefore ) {
+                    EXPECT_EQ( outcome.told, behind( head - position ).size() );
+                }
+                EXPECT_EQ( newcomer().told, slots );
             }
         }
     }
@@ -318,24 +488,21 @@ TEST_F( QueueHostileTest, RoundsOfNonsenseAreRefusedOrHarmless ) {
 }
 
 TEST_F( QueueHostileTest, PositionsOfNoRoundAndOfNoPlaceAreNamed ) {
-    const auto with = [ & ]( U64 present, U64 before ) {
+    const U64 position = round - 5;
+    const auto with = [ & ]( U64 present, U64 before, const std::string& what ) {
+        const auto reader = readerAt( position );
         store( [ & ]( std::string& b ) {
-            set( b, offsetof( QueueHeader, round ), present );
-            set( b, offsetof( QueueHeader, roundBefore ), before );
+            set( b, roundAt, present );
+            set( b, roundBeforeAt, before );
         } );
+        expectCorruptTo( *reader, what + std::to_string( position ) );
     };
-    with( round, tail + 1 );
-    expectCorrupt( "no round of position " + std::to_string( tail ) );
-    with( head + 1, head + 1 );
-    expectCorrupt( "no round of position " + std::to_string( tail ) );
-    with( tail - places, roundBefore );
-    expectCorrupt( "no place for position " + std::to_string( tail ) );
-    with( 0, 0 );
-    expectCorrupt( "no place for position " + std::to_string( tail ) );
-    with( round, 0 );
-    expectCorrupt( "no place for position " + std::to_string( tail ) );
-    with( head + places, head - 1 - places );
-    expectCorrupt( "no place for position " );
+    with( round, position + 1, "no round of position " );
+    with( head + 1, head + 1, "no round of position " );
+    with( position - places, roundBefore, "no place for position " );
+    with( 0, 0, "no place for position " );
+    with( round, 0, "no place for position " );
+    with( head + places, position - places - 1, "no place for position " );
 }
 
 TEST_F( QueueHostileTest, SequencesOfNonsenseAreHarmless ) {
@@ -385,10 +552,11 @@ TEST_F( QueueHostileTest, RandomChangesUnderAReaderAreRefusedOrHarmless ) {
     unsigned refused = 0;
     for ( unsigned round = 0; round < 400; ++round ) {
         store( []( std::string& ) {} );
-        QueueReaderSide reader( place );
+        const auto reader = random() % 4 ? readerAt( head - random() % ( ( head - tail ) / 2 ) )
+                                         : std::make_unique< QueueReaderSide >( place );
         MappedFile mapped( file );
         if ( random() % 2 ) {
-            reader.some( random() % 60 + 1 );
+            reader->some( random() % 60 + 1 );
         }
         for ( unsigned i = 0; i < 6; ++i ) {
             for ( unsigned n = random() % 5 + 1; n > 0; --n ) {
@@ -410,84 +578,13 @@ TEST_F( QueueHostileTest, RandomChangesUnderAReaderAreRefusedOrHarmless ) {
                     mapped.word( at ) ^= U64( 1 ) << ( random() % 64 );
                 }
             }
-            const Outcome outcome = drain( reader );
+            const Outcome outcome = drain( *reader );
             expectHarmless( outcome );
             refused += !outcome.thrown.empty();
-            reader.queue.isPending();
+            reader->queue.isPending();
         }
     }
     EXPECT_GT( refused, 0U );
-}
-
-// --- Through a control: what is corruption is marked for the next writer, and nothing else is.
-
-class QueueHostileControlTest : public testing::Test {
-protected:
-    QueueHostileControlTest() {
-        writer.asWriter( 20 );
-        for ( U64 key = 0; key < 10; ++key ) {
-            put( key, 1 );
-        }
-    }
-    void put( U64 key, U64 value ) { writer.writer().put< 1, 1 >( &key, &value ); }
-    std::string pathOf( const char* name ) const { return writerPath + "/" + name; }
-    bool marked() const { return std::filesystem::exists( pathOf( "corruption-detected" ) ); }
-
-    TestRoot root;
-    const Krell::Layout layout = layoutOf( 1, 1 );
-    TestCollection writer { layout };
-    const std::string writerPath = writer.rootPath();
-};
-
-TEST_F( QueueHostileControlTest, AMissingOrForeignQueueLeavesNoMarker ) {
-    const std::string queue = pathOf( "conquer.1" );
-    const std::string whole = bytesOf( queue );
-    for ( const QelKrell::QelKrellType role :
-          { QelKrell::reader, QelKrell::keyshadow, QelKrell::shadow } ) {
-        TestCollection follower( layout );
-        std::filesystem::remove( queue );
-        follower.init( role, false, 0 );
-        follower.poll();
-        EXPECT_EQ( follower.mountStatus(), 1 );
-        EXPECT_TRUE( follower.changes.empty() );
-        std::string foreign = whole;
-        foreign[ stampAt ] = char( ~foreign[ stampAt ] );
-        bytesInto( queue, foreign );
-        follower.poll();
-        EXPECT_TRUE( follower.changes.empty() );
-        EXPECT_TRUE( follower.failures.empty() );
-        EXPECT_FALSE( marked() );
-        EXPECT_GE( fireTimers(), 1U ) << "it looks again by itself";
-        bytesInto( queue, whole );
-        follower.poll();
-        EXPECT_EQ( follower.changes.size(), 10U );
-    }
-}
-
-TEST_F( QueueHostileControlTest, AnUnsoundQueueIsMarkedAndToldOnceAndTheNextWriterStartsAnew ) {
-    const std::string queue = pathOf( "conquer.1" );
-    std::string wrong = bytesOf( queue );
-    wrong[ 0 ] = 'X';
-    bytesInto( queue, wrong );
-    TestCollection follower( layout );
-    follower.init( QelKrell::keyshadow, false, 0 );
-    for ( unsigned i = 0; i < 3; ++i ) {
-        follower.poll();
-    }
-    ASSERT_EQ( follower.failures.size(), 1U );
-    EXPECT_NE( follower.failures[ 0 ].find( queue + ": bad magic" ), std::string::npos )
-        << follower.failures[ 0 ];
-    EXPECT_TRUE( marked() );
-    const U32 fenix = writer.fenixId();
-    writer.detach();
-    writer.asWriter( 20 );
-    EXPECT_NE( writer.fenixId(), fenix );
-    put( 3, 3 );
-    for ( unsigned i = 0; i < 3; ++i ) {
-        follower.poll();
-    }
-    EXPECT_EQ( follower.takeChanges(), ( std::map< U64, bool > { { 3, true } } ) );
-    EXPECT_FALSE( marked() );
 }
 
 } // namespace

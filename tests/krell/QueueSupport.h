@@ -76,8 +76,7 @@ KRELL_TEST_REACH( QueueTail, QueueWriter, U64, tail_ );
 KRELL_TEST_REACH( QueueRound, QueueWriter, U64, round_ );
 KRELL_TEST_REACH( QueueRoundBefore, QueueWriter, U64, roundBefore_ );
 KRELL_TEST_REACH( QueuePause, QueueWriter, U64, pause_ );
-KRELL_TEST_REACH( QueuePlaces, QueueWriter, Krell::QueueNewest, newest_ );
-KRELL_TEST_REACH( QueueSequence, QueueWriter, U64, sequence_ );
+KRELL_TEST_REACH( QueueOvertakenBits, QueueWriter, Krell::QueueOvertaken, overtaken_ );
 KRELL_TEST_REACH( TableSequence, WriterTable, U64, sequence_ );
 #undef KRELL_TEST_REACH
 
@@ -121,16 +120,21 @@ public:
     U64 roundBefore() { return number( QueueRoundBefore() ); }
     // Where a valid position stands in the file, in bytes.
     std::size_t placeAt( U64 position );
+    // The position that a slot names.
+    U64& positionOf( U32 slot ) { return segments().slot( slot )->queuePosition; }
+    // Slots that were ever used, in the order of their last changes.
+    std::vector< U32 > slotsInOrder();
 
     // As if that many changes had been made, all to one slot, which is changed once more at least
     // before a reader looks.
     void passes( U64 changes );
 
-    // Each slot that was ever used has exactly one live entry, where the writer notes it, and there
-    // is room to move others.
+    // Each slot that was ever used names exactly one entry, the writer notes all others as
+    // overtaken, and there is room to move entries.
     void expectSound();
 
 private:
+    void expectSoundHeader( MappedFile& queue );
     QueuePlace& place_;
     Krell::QueueWriter& inside() { return const_cast< Krell::QueueWriter& >( queue() ); }
     template < class Name >
@@ -145,24 +149,41 @@ public:
 
 inline std::size_t QueueWriterSide::placeAt( U64 position ) {
     return sizeof( Krell::QueueHeader ) +
-           8 * std::size_t( position - ( position < round() ? roundBefore() : round() ) );
+           sizeof( U32 ) *
+               std::size_t( position - ( position < round() ? roundBefore() : round() ) );
+}
+
+inline std::vector< U32 > QueueWriterSide::slotsInOrder() {
+    std::map< U64, U32 > slots;
+    for ( U32 slot = 0; slot < segments().slotCount(); ++slot ) {
+        slots[ Krell::versionOf( segments().slot( slot ) ).sequence() ] = slot;
+    }
+    slots.erase( 0 );
+    std::vector< U32 > inOrder;
+    for ( const auto& [ sequence, slot ] : slots ) {
+        inOrder.push_back( slot );
+    }
+    return inOrder;
 }
 
 inline void QueueWriterSide::passes( U64 changes ) {
     MappedFile queue( file() );
-    for ( std::size_t at = sizeof( Krell::QueueHeader ); at < queue.size(); at += 8 ) {
-        const Krell::QueueEntry entry( queue.word( at ) );
-        if ( entry.tombed() ) {
-            const U32 later = entry.sequence() + U32( changes );
-            queue.word( at ) = Krell::QueueEntry::tombstone( entry.slot(), later ).word();
+    Krell::QueueOvertaken overtaken;
+    overtaken.growTo( inside().places(), 0, 0 );
+    for ( U64 position = tail(); position != head(); ++position ) {
+        if ( number( QueueOvertakenBits() ).has( position ) ) {
+            overtaken.insert( position + changes );
         }
+    }
+    number( QueueOvertakenBits() ) = overtaken;
+    for ( const U32 slot : slotsInOrder() ) {
+        positionOf( slot ) += changes;
     }
     number( QueueHead() ) += changes;
     number( QueueTail() ) += changes;
     number( QueueRound() ) += changes;
     number( QueueRoundBefore() ) += changes;
     number( QueuePause() ) += changes;
-    number( QueueSequence() ) += changes;
     table.*reach( TableSequence() ) += changes;
     *segments().sequenceWord() += changes;
     queue.word( offsetof( Krell::QueueHeader, tail ) ) = tail();
@@ -172,39 +193,45 @@ inline void QueueWriterSide::passes( U64 changes ) {
         Krell::QueueMark( table.sequence(), head() ).word();
 }
 
-inline void QueueWriterSide::expectSound() {
-    MappedFile queue( file() );
+inline void QueueWriterSide::expectSoundHeader( MappedFile& queue ) {
     const U64 places = inside().places();
     ASSERT_EQ( queue.word( offsetof( Krell::QueueHeader, tail ) ), tail() );
     ASSERT_EQ( queue.word( offsetof( Krell::QueueHeader, round ) ), round() );
     ASSERT_EQ( queue.word( offsetof( Krell::QueueHeader, roundBefore ) ), roundBefore() );
     ASSERT_EQ( queue.word( offsetof( Krell::QueueHeader, mark ) ),
                Krell::QueueMark( table.sequence(), head() ).word() );
-    ASSERT_EQ( queue.size(), sizeof( Krell::QueueHeader ) + 8 * places );
+    ASSERT_EQ( queue.size(), sizeof( Krell::QueueHeader ) + sizeof( U32 ) * places );
     ASSERT_GE( places, Krell::QueueSegment::placesFor( segments().slotCount() ) );
     ASSERT_LE( roundBefore(), tail() );
     ASSERT_LE( round(), head() );
     ASSERT_LE( head() - round(), places );
     ASSERT_LE( head() - tail(), places );
     ASSERT_GE( inside().room(), U64( Krell::QueueSegment::run_ ) );
+}
+
+inline void QueueWriterSide::expectSound() {
+    MappedFile queue( file() );
+    expectSoundHeader( queue );
+    ASSERT_FALSE( testing::Test::HasFatalFailure() );
+    const Krell::QueueOvertaken& overtaken = number( QueueOvertakenBits() );
     std::map< U32, unsigned > live;
     std::set< std::size_t > met;
     for ( U64 position = tail(); position != head(); ++position ) {
         const std::size_t at = placeAt( position );
         ASSERT_TRUE( met.insert( at ).second ) << "two positions in one place";
-        const Krell::QueueEntry entry( queue.word( at ) );
-        ASSERT_LT( entry.slot(), segments().slotCount() );
-        if ( !entry.tombed() ) {
-            ++live[ entry.slot() ];
-            const U32 place = number( QueuePlaces() )[ entry.slot() ];
-            ASSERT_EQ( sizeof( Krell::QueueHeader ) + 8 * std::size_t( place ), at );
-            const Krell::SlotHead* const slot = segments().slot( entry.slot() );
-            ASSERT_EQ( entry.sequence(), U32( Krell::versionOf( slot ).sequence() ) );
-        }
+        const U32 slot = queue.half( at );
+        ASSERT_LT( slot, segments().slotCount() );
+        const bool named = positionOf( slot ) == position;
+        ASSERT_EQ( overtaken.has( position ), !named ) << "position " << position;
+        live[ slot ] += named;
+    }
+    for ( U64 position = head(); position != tail() + inside().places(); ++position ) {
+        ASSERT_FALSE( overtaken.has( position ) ) << "position " << position << " is not there yet";
     }
     for ( U32 index = 0; index < segments().slotCount(); ++index ) {
         const bool used = Krell::versionOf( segments().slot( index ) ).sequence() != 0;
         ASSERT_EQ( live[ index ], used ? 1U : 0U ) << "slot " << index;
+        ASSERT_EQ( positionOf( index ) != 0, used ) << "slot " << index;
     }
 }
 
@@ -242,6 +269,16 @@ public:
     }
     U64 versionAt( U32 slot ) {
         return Krell::versionOf( incarnation.segments()->slot( slot ) ).sequence();
+    }
+    // Whole drains until nothing is new: how often each key was told.
+    std::map< U64, unsigned > timesTold() {
+        std::map< U64, unsigned > times;
+        do {
+            for ( const U64 key : keys() ) {
+                ++times[ key ];
+            }
+        } while ( last == Drain::end );
+        return times;
     }
 
     Krell::Incarnation incarnation;

@@ -72,7 +72,7 @@ TEST_F( QueueTest, TheOrderOutlivesCompactionsAndTakeovers ) {
     next.expectSound();
     QueueReaderSide reader( place );
     EXPECT_EQ( reader.keys(), wanted );
-    EXPECT_EQ( reader.queue.counts().probes, 0U );
+    EXPECT_LE( reader.queue.counts().probes, 4U ) << "it is found without a walk";
 }
 
 TEST_F( QueueTest, AnEmptyCollectionHasNothingToTell ) {
@@ -196,37 +196,6 @@ TEST_F( QueueTest, ADrainOfAWriterThatDoesNotStopEndsAllTheSame ) {
     EXPECT_EQ( told, 1U );
 }
 
-TEST_F( QueueTest, AnEntryThatIsNotATombstoneYetIsToldOnce ) {
-    QueueWriterSide writer( place, 20 );
-    writer.put( 1, 0 );
-    writer.put( 2, 0 );
-    QueueReaderSide reader( place );
-    reader.keys();
-    writer.put( 2, 1 );
-    const U64 former = writer.head();
-    writer.put( 1, 1 );
-    writer.put( 1, 2 );
-    // As between the last change's mark and the tombstone of its slot's former entry.
-    MappedFile queue( writer.file() );
-    U64& entry = queue.word( writer.placeAt( former ) );
-    const U64 buried = entry;
-    ASSERT_TRUE( Krell::QueueEntry( buried ).tombed() );
-    entry = Krell::QueueEntry( Krell::QueueEntry( buried ).slot(),
-                               Krell::QueueEntry( buried ).sequence() - 1 )
-                .word();
-    Keys told;
-    reader.queue.drain( [ & ]( U32 slot ) {
-        told.push_back( reader.keyAt( slot ) );
-        if ( told.size() == 1 ) {
-            entry = buried;
-            writer.put( 1, 3 );
-        }
-        return true;
-    } );
-    EXPECT_EQ( told, ( Keys { 2, 1 } ) );
-    EXPECT_EQ( reader.keys(), ( Keys { 1 } ) );
-}
-
 TEST_F( QueueTest, AReaderThatWasLappedLosesNothing ) {
     QueueWriterSide writer( place, 8 );
     for ( const U64 key : range( 0, 5 ) ) {
@@ -283,7 +252,7 @@ TEST_F( QueueTest, GrowthKeepsTheReadersPlace ) {
     reader.keys();
     const U64 places = writer.queue().places();
     writer.put( 0, 2 );
-    writer.table.reserve( 300 );
+    writer.table.reserve( 600 );
     EXPECT_GT( writer.queue().places(), places );
     writer.put( 1, 2 );
     EXPECT_TRUE( reader.queue.isPending() );
@@ -294,7 +263,7 @@ TEST_F( QueueTest, GrowthKeepsTheReadersPlace ) {
         writer.put( key, 3 );
     }
     EXPECT_EQ( reader.some( 2 ), range( 0, 2 ) );
-    for ( const U64 key : range( 10, 1010 ) ) {
+    for ( const U64 key : range( 10, 2010 ) ) {
         writer.put( key, 1 );
     }
     EXPECT_GE( writer.queue().resizes(), 2U );
@@ -304,10 +273,10 @@ TEST_F( QueueTest, GrowthKeepsTheReadersPlace ) {
     const Keys more = reader.keys();
     told.insert( told.end(), more.begin(), more.end() );
     Keys wanted = { 2, 3 };
-    const Keys inserted = range( 10, 1010 );
+    const Keys inserted = range( 10, 2010 );
     wanted.insert( wanted.end(), inserted.begin(), inserted.end() );
     EXPECT_EQ( told, wanted );
-    EXPECT_EQ( QueueReaderSide( place ).keys().size(), 1004U );
+    EXPECT_EQ( QueueReaderSide( place ).keys().size(), 2004U );
     EXPECT_FALSE( std::filesystem::exists( place / "conquer.1" ) &&
                   std::filesystem::exists( place / "conquer.2" ) );
 }
@@ -443,7 +412,7 @@ TEST_F( QueueTest, TheQueueIsBoundedWhateverTheNumberOfChanges ) {
     EXPECT_EQ( halfway.some( 7 ).size(), 7U );
     const U64 places = writer.queue().places();
     const auto bytes = std::filesystem::file_size( writer.file() );
-    ASSERT_GE( places, slots * 3 / 2 + 64 );
+    ASSERT_GE( places, slots * 5 / 2 + 64 );
     std::mt19937_64 random( 1 );
     for ( U64 n = 1; n <= changes; ++n ) {
         const U64 key = random() % 100 == 0 ? random() % 30 : random() % 3;
@@ -464,13 +433,9 @@ TEST_F( QueueTest, TheQueueIsBoundedWhateverTheNumberOfChanges ) {
     EXPECT_LT( writer.queue().compactions(), changes );
     EXPECT_GT( writer.queue().tombstones(), changes * 9 / 10 );
     for ( QueueReaderSide* reader : { &stopped, &halfway } ) {
-        Keys told = reader->keys();
-        if ( reader == &halfway ) {
-            EXPECT_EQ( reader->last, Drain::end );
-            const Keys more = reader->keys();
-            EXPECT_EQ( reader->last, Drain::end );
-            told = more;
-        }
+        const Keys told = reader->keys();
+        EXPECT_EQ( reader->last, Drain::end );
+        EXPECT_EQ( reader->queue.counts().restarts, 2U );
         std::set< U64 > live;
         U64 last = 0;
         for ( const U64 key : told ) {

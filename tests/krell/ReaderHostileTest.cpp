@@ -234,8 +234,8 @@ TEST_F( ReaderHostileTest, ASlotBeingWrittenWithoutItsRecordIsCorruption ) {
     const U32 slot = get< U32 >( buckets, lookasideAt + 8 );
     const U64 version = get< U64 >( slots, 200 + slot * 56 );
     set( changedSlots, 200 + slot * 56, version | 1 );
-    set( changedBuckets, lookasideAt + 16, version + 8 );
-    set( changedBuckets, lookasideAt + 32 + 16, U64( 4711 ) );
+    set( changedBuckets, lookasideAt, version + 8 );
+    set( changedBuckets, lookasideAt + 16, U64( 4711 ) );
     store( changedSlots, changedBuckets );
     TestCollection reader( layout );
     reader.asReader();

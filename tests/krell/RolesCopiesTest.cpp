@@ -152,14 +152,14 @@ TEST_F( RolesTest, TheReaderCountersMove ) {
     EXPECT_EQ( counters.slotResizes, 0U );
     EXPECT_EQ( counters.conquerResizes, 0U );
     EXPECT_EQ( counters.conquerProbes, 0U );
-    for ( U64 key = 0; key < 600; ++key ) {
+    for ( U64 key = 0; key < 1200; ++key ) {
         put( key, 7 );
     }
     follower.poll();
     counters = follower.readerCounters();
     EXPECT_GT( counters.slotResizes, 0U );
     EXPECT_EQ( counters.conquerResizes, 1U );
-    EXPECT_EQ( counters.occupiedSlots, 600U );
+    EXPECT_EQ( counters.occupiedSlots, 1200U );
     EXPECT_GT( counters.slotShadowResizes, 3U );
     EXPECT_EQ( counters.keyShadowMismatch, 0U );
     EXPECT_EQ( counters.conquerYields, 0U );
@@ -173,7 +173,7 @@ TEST_F( RolesTest, TheReaderCountersMove ) {
     counters = follower.readerCounters();
     EXPECT_EQ( counters.conquerRestarts, restarts + 1 );
     EXPECT_GT( counters.conquerProbes, probes + 3 );
-    EXPECT_EQ( counters.conquerNotified, 1U + 1U + 600U );
+    EXPECT_EQ( counters.conquerNotified, 1U + 1U + 1200U );
     follower.init( QelKrell::reader, false, 0 );
     EXPECT_EQ( follower.readerCounters().conquerRestarts, 0U ) << "from 0 when it is opened";
     EXPECT_EQ( follower.readerCounters().slotShadowResizes, 0U );
@@ -236,7 +236,7 @@ TEST_F( RolesTest, TheWriterCountersMove ) {
     EXPECT_EQ( counters.conquerTombstones, 2U );
     EXPECT_EQ( counters.conquerSequence, 4U );
     EXPECT_EQ( counters.conquerCompactions, 0U );
-    for ( U64 n = 0; n < 600; ++n ) {
+    for ( U64 n = 0; n < 1200; ++n ) {
         put( 3, n );
     }
     EXPECT_GE( writer.writerCounters().conquerCompactions, 2U );

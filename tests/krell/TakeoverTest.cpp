@@ -178,15 +178,20 @@ TEST_F( TakeoverTest, UnusableSlotsGiveANewIncarnation ) {
 
 TEST_F( TakeoverTest, ALookasideRecordThatNoWriterMadeGivesANewIncarnation ) {
     make();
-    change( "buckets",
-            []( std::string& bytes ) { word( bytes, 4096 + 8 ) = ( U64( 1 ) << 32 ) | 999; } );
+    change( "buckets", []( std::string& bytes ) { word( bytes, 4096 + 8 ) = 999; } );
     expectNew( "slot 999 is named by a lookaside record that no writer made" );
     make();
     change( "buckets", []( std::string& bytes ) {
-        word( bytes, 4096 + 8 ) = ( U64( 1 ) << 32 ) | 1;
-        word( bytes, 4096 + 16 ) = Krell::SlotVersion( 1000, Krell::SlotVersion::occupied ).word();
+        word( bytes, 4096 ) = Krell::SlotVersion( 1000, Krell::SlotVersion::occupied ).word();
+        word( bytes, 4096 + 8 ) = 5;
     } );
-    expectNew( "slot 1 is not the one that the lookaside record changes" );
+    expectNew( "slot 5 is not the one that the lookaside record changes" );
+    make();
+    change( "buckets", []( std::string& bytes ) {
+        word( bytes, 4096 ) = Krell::SlotVersion( 1000, Krell::SlotVersion::dead ).word();
+        word( bytes, 4096 + 8 ) = 1;
+    } );
+    expectNew( "slot 1 is named by a lookaside record that no writer made" );
 }
 
 TEST_F( TakeoverTest, TheNewerOfTwoEqualKeysCounts ) {

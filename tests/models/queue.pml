@@ -5,45 +5,74 @@
  *
  * Claim: once the writer has stopped and nothing is pending for the reader, what the reader read
  * last of each slot is what the slot has. The right model claims more: that a change which a reader
- * passed over has a newer one after it; that a drain which nothing interrupts tells all changes up
- * to its end, and of a slot once; one live entry a slot; that no valid place is filled anew.
+ * passed over has a newer one after it; that what it knows never goes back; that a drain tells all
+ * changes up to its end, and of a slot once; that a slot names its one live entry; that no valid
+ * place is filled anew.
  *
  * Memory: the reader stores nothing shared, and the writer loads nothing that another stores. So a
  * store buffer shows as a slower writer only, and acquire and release as the order of statements:
- * each shared word is a statement of its own, in program order. A slot is its version here, for
- * Krell/Slot makes a change of it one instant.
+ * each shared word is a statement of its own, in program order. A slot is its version and the
+ * position that it names, for Krell/Slot makes a change of it one instant.
  *
- * Run                              Must    What it is
- *   CHANGES=5                        hold    the protocol, lapping its reader
- *   CHANGES=3 KILLS=1                hold    the writer is killed at any store
- *   CHANGES=4 GROWTHS=1              hold    the file grows in any part of a round
- *   CHANGES=3 GROWTHS=1 KILLS=1      hold    both, in any order
- *   VARIANT=1 CHANGES=4              hold    the tombstone comes before the new entry is published
- *   VARIANT=2 CHANGES=3 KILLS=1      hold    no look at the generation after a batch: files do not
- *                                            change once they are replaced
- *   VARIANT=3 CHANGES=4              hold    the rule of mutant 11, which loses nothing
- *   MUTANT=1 CHANGES=5               fail    the tail is not looked at after a batch
- *   MUTANT=2 CHANGES=5               fail    the mark is stored before the entry
- *   MUTANT=3 CHANGES=5               fail    the tail passes a live entry, which is not moved
- *   MUTANT=4 CHANGES=5               fail    the tail is stored after its place was filled anew
- *   MUTANT=5 CHANGES=3 KILLS=1       fail    a place is kept in a generation that begins anew
- *   MUTANT=6 CHANGES=5               fail    the position becomes a head loaded after the drain
- *   MUTANT=7 CHANGES=5               fail    head and sequence are two words
- *   MUTANT=8 CHANGES=5               fail    the round before is not stored
- *   MUTANT=9 CHANGES=3 KILLS=2       fail    in place in two files, and no look at the generation
- *   MUTANT=10 CHANGES=3 KILLS=1      fail    a report is taken to tell more than the drain's end
- *   MUTANT=11 CHANGES=5              fail    a live entry of the last entry's slot is passed over
- *                                            when a change behind the end follows
- *   MUTANT=12 CHANGES=5              fail    a round is stored before the one before it
- *   MUTANT=13 CHANGES=5              fail    a round is stored after its first entry
- *   MUTANT=14 CHANGES=5 GROWTHS=1    fail    new places count as room while the tail is in the
- *                                            round before
- *   MUTANT=15 CHANGES=5              fail    a reader loads the round before first
- *   MUTANT=16 CHANGES=5              fail    of moved entries, only the last one's slot is remembered
+ * Run                                   Must  What it is
+ *   CHANGES=5                           hold  the protocol, lapping its reader
+ *   SLOTS=3 CHANGES=4 KILLS=1           hold  the writer is killed at any store
+ *   CHANGES=2 KILLS=2                   hold  so is the next one
+ *   CHANGES=4 GROWTHS=1                 hold  the file grows in any part of a round
+ *   CHANGES=3 GROWTHS=1 KILLS=1         hold  both, in any order
+ *   VARIANT=1 CHANGES=3 KILLS=1         hold  a reader loads a slot's version before its position
+ *   VARIANT=2 CHANGES=3 KILLS=1         hold  no look at the generation after a batch
+ *   VARIANT=3 CHANGES=3 KILLS=1         hold  a copy that its slot does not name yet is passed over
+ *                                             like an entry that was overtaken
+ *   VARIANT=4 CHANGES=3 KILLS=1         hold  a slot's position is stored before the entry
+ *   VARIANT=5 CHANGES=3 KILLS=1         hold  no look at the tail in the binary search
+ *   VARIANT=6 CHANGES=3 KILLS=1         hold  the binary search takes entries that are not live,
+ *                                             too
+ *   VARIANT=7 CHANGES=3 KILLS=1         hold  a place is kept in another generation, whose tail is
+ *                                             past it
+ *   VARIANT=8 CHANGES=2 KILLS=2         hold  a generation is published before its positions are in
+ *                                             the slots
+ *   VARIANT=9 CHANGES=3 KILLS=1         hold  the tail goes on before moved entries are marked
+ *   VARIANT=10 CHANGES=3 KILLS=1        hold  the tail passes live entries, which are not moved;
+ *                                             readers need none of them
+ *   MUTANT=1 SLOTS=3 CHANGES=4          fail  the tail is not looked at after a batch
+ *   MUTANT=2 SLOTS=3 CHANGES=4          fail  it is, before the positions of the slots
+ *   MUTANT=3 CHANGES=4                  fail  the mark is stored before the entry
+ *   MUTANT=4 SLOTS=3 CHANGES=4          fail  the mark is stored before the slot's position
+ *   MUTANT=5 CHANGES=4                  fail  the tail passes a live entry, which is not moved
+ *   MUTANT=6 CHANGES=4                  fail  the tail is stored after its place was filled anew
+ *   MUTANT=7 SLOTS=3 CHANGES=4          fail  positions of moved entries are stored before the tail
+ *   MUTANT=8 CHANGES=4                  fail  which entry is overtaken is noted before room is made
+ *   MUTANT=9 CHANGES=4                  fail  the position becomes a head loaded after the drain
+ *   MUTANT=10 CHANGES=4                 fail  head and sequence are two words
+ *   MUTANT=11 CHANGES=4                 fail  the round before is not stored
+ *   MUTANT=12 CHANGES=4                 fail  a round is stored before the one before it
+ *   MUTANT=13 CHANGES=4                 fail  a round is stored after its first entry
+ *   MUTANT=14 CHANGES=5 GROWTHS=1       fail  new places count as room while the tail is in the
+ *                                             round before
+ *   MUTANT=15 CHANGES=4                 fail  a reader loads the round before first
+ *   MUTANT=16 SLOTS=3 CHANGES=6 PLACES=8 KILLS=1 fail  positions begin anew in another generation
+ *   MUTANT=17 SLOTS=3 CHANGES=4 KILLS=1 fail  they begin behind those that slots name, but not
+ *                                             behind those of entries that were moved last
+ *   MUTANT=18 CHANGES=3 KILLS=1         fail  a place in the sorted beginning is taken though
+ *                                             something unknown was moved away from it
+ *   MUTANT=19 CHANGES=4                 fail  what is found in the slots is taken to tell more than
+ *                                             the drain's end
+ *   MUTANT=20 CHANGES=4 PLACES=6 KILLS=1 fail  an entry that its slot does not name tells all up
+ *                                             to the slot's change
+ *   MUTANT=21 CHANGES=3 KILLS=1         fail  an entry tells more than the drain's end
+ *   MUTANT=22 CHANGES=4                 fail  what is known is reported
+ *   MUTANT=23 CHANGES=4                 fail  an entry is passed over for one behind the end
+ *   MUTANT=24 CHANGES=4                 fail  slots that were told of are not remembered
+ *   MUTANT=25 CHANGES=4                 fail  they are, but for those near the tail that name their
+ *                                             entry
+ *   MUTANT=26 CHANGES=5 PLACES=6        fail  only those near the tail are
+ *   MUTANT=27 CHANGES=4                 fail  only entries that are remembered ask whether their
+ *                                             slot was told of
  *
- * Mutants 1 to 10 and 12 to 15 lose an update, or fill a valid place. Mutants 11 and 16 tell of a
- * slot in a later drain, or twice in one, if the drain begins between the mark and the tail of
- * entries that are moved: both places of each are in it then.
+ * Mutants 5 and 8 break the order of the queue itself, 6 and 14 fill a valid place as well. 23
+ * keeps a change from being told in its drain, 24 to 27 tell of a slot twice in one. The others
+ * lose an update, or are about to.
  */
 
 #ifndef MUTANT
@@ -61,69 +90,63 @@
 #ifndef GROWTHS
 #define GROWTHS 0
 #endif
+#ifndef SLOTS
+#define SLOTS 2
+#endif
+#ifndef PLACES
+#define PLACES ( SLOTS + RUN ) /* at first */
+#endif
 
-#define PLACES 4 /* at first */
 #define MOST ( PLACES + GROWTHS )
 #define RUN 2
 #define BATCH 2
 #define GENERATIONS ( 1 + KILLS )
-#define NONE 255
+#define FAR 255
 #define FIRST 4 /* position, near the end of the first round */
 
-#if MUTANT == 9
-#define FILES 2
+#if MUTANT == 5 || VARIANT == 10
+#define MOVES false
 #else
-#define FILES GENERATIONS
+#define MOVES true
 #endif
 
-#if MUTANT == 0 || MUTANT == 14
+/* The first position of a generation, when `last` is the newest one that a slot names. */
+#if MUTANT == 16
+#define behind( last ) FIRST
+#elif MUTANT == 17
+#define behind( last ) ( ( last ) + RUN )
+#else
+#define behind( last ) ( ( last ) + RUN + 1 )
+#endif
+
+#if MUTANT == 0 || MUTANT == 14 || MUTANT == 19 || MUTANT == 22
 #define alsoAssert(x) assert( x )
 #else
 #define alsoAssert(x) skip
 #endif
 
-/* An entry: tombstone, slot, sequence. */
-#define live(slot, sequence) ( ( slot ) * 64 + ( sequence ) )
-#define tombstone(slot, sequence) ( 128 + live( slot, sequence ) )
-#define tombed(e) ( ( e ) >= 128 )
-#define slotOf(e) ( ( ( e ) / 64 ) % 2 )
-#define sequenceOf(e) ( ( e ) % 64 )
-
-#define fileOf(generation) ( ( generation ) % FILES )
-#define wordAt(generation, place) ( fileOf( generation ) * MOST + ( place ) )
-
-/* Shared. Head and sequence of a mark are stored and loaded together. */
-byte version[ 2 ];
-byte entries[ FILES * MOST ];
-byte markSequence[ FILES ];
-byte markHead[ FILES ] = FIRST; /* a position */
-byte tail[ FILES ] = FIRST;     /* likewise, and the next three */
-byte round[ FILES ] = 1;
-byte before[ FILES ] = 1;
-byte sortedEnd[ FILES ] = 1;
-byte generation = 0;
-
-/* Whether an entry speaks for its slot although there is a change behind the end; how many slots of
- * the last entries may have another entry before; and whether one of those was told of. */
-#if MUTANT == 11 || VARIANT == 3
-#define speaks ( slotOf( entry ) != lastSlots[ 0 ] || position == end - 1 )
-#define doubled 0
-#else
-#define speaks true
-#if MUTANT == 16
-#define doubled 1
-#else
-#define doubled ( position < endTail + RUN -> RUN : 1 )
-#endif
-#endif
-
-#if MUTANT == 0 && VARIANT != 3 || MUTANT == 11 || MUTANT == 16
+#if MUTANT == 0 || MUTANT >= 23
 #define EACH_ONCE 1
 #endif
 
+#define wordAt(generation, place) ( ( generation ) * MOST + ( place ) )
+
+/* Shared. Head and sequence of a mark are stored and loaded together. */
+byte version[ SLOTS ];
+byte newestAt[ SLOTS ]; /* the position that a slot names; 0: it has no entry */
+byte entries[ GENERATIONS * MOST ];
+byte markSequence[ GENERATIONS ];
+byte markHead[ GENERATIONS ] = FIRST; /* a position */
+byte tail[ GENERATIONS ] = FIRST;     /* likewise, and the next four */
+byte round[ GENERATIONS ] = 1;
+byte before[ GENERATIONS ] = 1;
+byte firstPosition[ GENERATIONS ] = FIRST;
+byte sortedEnd[ GENERATIONS ] = FIRST;
+byte generation = 0;
+
 /* What the claims need. */
 byte changed[ CHANGES + 1 ]; /* the slot of each change */
-byte mirror[ 2 ];
+byte mirror[ SLOTS ];
 bool stopped = false;
 
 /* One store, with what the writer notes for itself; or its end. */
@@ -141,19 +164,20 @@ bool stopped = false;
 #define capacity ( low < mine -> mine - former : places )
 #endif
 #define room ( capacity - ( head - low ) )
-#define fillsFree ( head - tail[ fileOf( g ) ] < ( tail[ fileOf( g ) ] < mine -> mine - former : places ) )
+#define fillsFree ( head - tail[ g ] < ( tail[ g ] < mine -> mine - former : places ) )
+#define noted(position) overtaken[ ( position ) % MOST ]
 
 inline beginRound() {
 #if MUTANT == 12
-    store( round[ fileOf( g ) ] = head );
-    store( before[ fileOf( g ) ] = mine; former = mine; mine = head )
+    store( round[ g ] = head );
+    store( before[ g ] = mine; former = mine; mine = head )
 #elif MUTANT == 13
     store( former = mine; mine = head )
-#elif MUTANT == 8
-    store( round[ fileOf( g ) ] = head; former = mine; mine = head )
+#elif MUTANT == 11
+    store( round[ g ] = head; former = mine; mine = head )
 #else
-    store( before[ fileOf( g ) ] = mine; former = mine );
-    store( round[ fileOf( g ) ] = head; mine = head )
+    store( before[ g ] = mine; former = mine );
+    store( round[ g ] = head; mine = head )
 #endif
 }
 
@@ -164,123 +188,191 @@ inline makePlace() {
     fi
 }
 
+inline forgetRun() {
+    d_step {
+        i = 0;
+        do
+        :: i < SLOTS + RUN -> which[ i ] = 0; i++
+        :: else -> break
+        od;
+        i = 0;
+        count = 0;
+        moved = 0
+    }
+}
+
+inline namePositions() {
+    do
+    :: i < moved ->
+        store( newestAt[ which[ i ] ] = head - moved + i; i++ )
+    :: else -> break
+    od
+}
+
+inline storeTail() {
+#if MUTANT == 6
+    low = low + count
+#else
+    store( low = low + count; tail[ g ] = low )
+#endif
+}
+
 inline freeRun() {
-    count = ( low < mine -> mine : head ) - low;
-    count = ( count > RUN -> RUN : count );
-    count = ( count > room -> room : count );
-    i = 0;
-    moved = false;
+    atomic {
+        count = ( low < mine -> mine : head ) - low;
+        count = ( count > RUN -> RUN : count );
+        count = ( count > room -> room : count );
+        i = 0;
+        moved = 0
+    }
     do
     :: i < count ->
         if
-        :: MUTANT != 3 && !tombed( entries[ wordAt( g, placeOf( low + i ) ) ] ) ->
+        :: MOVES && !noted( low + i ) ->
             makePlace();
             store( alsoAssert( fillsFree );
-                   entries[ wordAt( g, placeOf( head ) ) ] =
-                       entries[ wordAt( g, placeOf( low + i ) ) ];
-                   place[ slotOf( entries[ wordAt( g, placeOf( head ) ) ] ) ] = placeOf( head );
-                   head++ );
-            moved = true
-        :: else
-        fi;
-        i++
+                   which[ moved ] = entries[ wordAt( g, placeOf( low + i ) ) ];
+                   entries[ wordAt( g, placeOf( head ) ) ] = which[ moved ];
+                   moved++;
+                   head++;
+                   i++ )
+        :: else -> i++
+        fi
     :: else -> break
     od;
+    i = 0;
+    atomic {
+        do
+        :: i < count -> noted( low + i ) = false; i++
+        :: else -> break
+        od;
+        i = 0
+    }
+#if VARIANT == 9
+    storeTail();
+#endif
     if
-    :: moved ->
-        store( markSequence[ fileOf( g ) ] = sequence; markHead[ fileOf( g ) ] = head )
+    :: moved > 0 ->
+        store( markSequence[ g ] = sequence; markHead[ g ] = head )
     :: else
     fi;
-#if MUTANT == 4
-    low = low + count;
+#if MUTANT == 7
+    namePositions();
+    storeTail();
+#elif VARIANT == 9
+    namePositions();
 #else
-    store( low = low + count; tail[ fileOf( g ) ] = low );
+    storeTail();
+    namePositions();
 #endif
-    atomic { count = 0; i = 0; moved = false }
+    forgetRun()
 }
 
 inline storeMark() {
-#if MUTANT == 7
-    store( markHead[ fileOf( g ) ] = head + 1 );
-    store( markSequence[ fileOf( g ) ] = sequence + 1 )
+#if MUTANT == 10
+    store( markHead[ g ] = head + 1 );
+    store( markSequence[ g ] = sequence + 1 )
 #else
-    store( markSequence[ fileOf( g ) ] = sequence + 1; markHead[ fileOf( g ) ] = head + 1 )
+    store( markSequence[ g ] = sequence + 1; markHead[ g ] = head + 1 )
 #endif
 }
 
 inline storeEntry() {
     store( alsoAssert( fillsFree );
-           entries[ wordAt( g, placeOf( head ) ) ] = live( slot, sequence + 1 ) )
+           entries[ wordAt( g, placeOf( head ) ) ] = slot )
 }
 
-inline bury() {
-    if
-    :: place[ slot ] != NONE ->
-        store( entries[ wordAt( g, place[ slot ] ) ] = tombstone( slot, sequence + 1 ) )
-    :: else
-    fi
+inline storePosition() {
+    store( newestAt[ slot ] = head )
 }
 
 /* Another generation from the slots alone, in the order of their last changes. */
 inline rebuild() {
     d_step {
         g = generation + 1;
-        head = 1;
-        low = 1;
-        mine = 1;
-        former = 1;
-        places = PLACES;
-        place[ 0 ] = NONE;
-        place[ 1 ] = NONE;
-        sequence = ( version[ 0 ] > version[ 1 ] -> version[ 0 ] : version[ 1 ] );
-        slot = ( version[ 0 ] > version[ 1 ] ); /* the older one first */
+        head = FIRST - 1;
+        sequence = 0;
         i = 0;
         do
-        :: i < 2 ->
-            if
-            :: version[ slot ] != 0 ->
-                entries[ wordAt( g, placeOf( head ) ) ] = live( slot, version[ slot ] );
-                place[ slot ] = placeOf( head );
-                head++
-            :: else
-            fi;
-            slot = 1 - slot;
+        :: i < SLOTS ->
+            head = ( newestAt[ i ] > head -> newestAt[ i ] : head );
+            sequence = ( version[ i ] > sequence -> version[ i ] : sequence );
             i++
         :: else -> break
         od;
+        head = behind( head );
+        low = head;
+        mine = head;
+        former = head;
+        places = PLACES;
+        tail[ g ] = low;
+        round[ g ] = mine;
+        before[ g ] = former;
+        firstPosition[ g ] = low;
         i = 0;
+        do
+        :: i < MOST -> overtaken[ i ] = false; i++
+        :: else -> break
+        od;
+        moved = 0;
+        i = 1;
+        do
+        :: i <= sequence ->
+            slot = changed[ i ];
+            if
+            :: version[ slot ] == i ->
+                entries[ wordAt( g, placeOf( head ) ) ] = slot;
+                which[ moved ] = slot;
+                moved++;
+                head++
+            :: else
+            fi;
+            i++
+        :: else -> break
+        od;
         count = 0;
-        moved = false;
+        was = 0;
+        sortedEnd[ g ] = head;
+        markSequence[ g ] = sequence;
+        markHead[ g ] = head;
         slot = 0;
-        tail[ fileOf( g ) ] = low;
-        round[ fileOf( g ) ] = mine;
-        before[ fileOf( g ) ] = former;
-        sortedEnd[ fileOf( g ) ] = head;
-        markSequence[ fileOf( g ) ] = sequence;
-        markHead[ fileOf( g ) ] = head
+        i = 0
     }
-    generation = g
+#if VARIANT == 8
+    store( generation = g );
+    namePositions();
+#else
+    namePositions();
+    store( generation = g );
+#endif
+    forgetRun()
 }
 
 /* Each slot that was ever used has one live entry between tail and head. */
 inline checkEntries() {
-#if MUTANT == 0
+#if ( MUTANT == 0 || MUTANT == 5 || MUTANT == 8 ) && VARIANT != 10
     i = low;
-    slot = 0;
+    count = 0;
     do
     :: i < head ->
         if
-        :: !tombed( entries[ wordAt( g, placeOf( i ) ) ] ) ->
-            slot = slot + 1 + 9 * slotOf( entries[ wordAt( g, placeOf( i ) ) ] )
-        :: else
+        :: !noted( i ) ->
+            assert( newestAt[ entries[ wordAt( g, placeOf( i ) ) ] ] == i );
+            count++
+        :: else -> assert( newestAt[ entries[ wordAt( g, placeOf( i ) ) ] ] != i )
         fi;
         i++
     :: else -> break
     od;
-    assert( slot == ( version[ 0 ] != 0 ) + 10 * ( version[ 1 ] != 0 ) );
+    i = 0;
+    do
+    :: i < SLOTS -> count = count - ( version[ i ] != 0 ); i++
+    :: else -> break
+    od;
+    assert( count == 0 );
 #endif
     i = 0;
-    slot = 0
+    count = 0
 }
 
 active proctype writer() {
@@ -290,12 +382,14 @@ active proctype writer() {
     byte mine = 1;   /* its round */
     byte former = 1; /* the one before */
     byte places = PLACES;
-    byte place[ 2 ] = NONE; /* of the live entry of each slot */
+    bool overtaken[ MOST ]; /* of the entries that can be valid */
+    byte which[ SLOTS + RUN ]; /* whose entries are moved, or made anew */
+    byte moved = 0;
     byte sequence = 0;
     byte slot = 0;
     byte count = 0;
     byte i = 0;
-    bool moved = false;
+    byte was = 0;
     byte kills = KILLS;
     byte growths = GROWTHS;
 
@@ -307,10 +401,16 @@ again:
         :: true
         fi;
         if
-        :: slot = 0 /* the first one's name does not matter */
-        :: sequence > 0 -> slot = 1
+#if SLOTS > 2
+        :: version[ 1 ] > 0 -> slot = 2
+#endif
+        :: version[ 0 ] > 0 -> slot = 1 /* which of the unused ones does not matter */
+        :: slot = 0
         fi;
         store( version[ slot ] = sequence + 1; changed[ sequence + 1 ] = slot );
+#if MUTANT == 8
+        was = newestAt[ slot ];
+#endif
         if
         :: room == RUN -> freeRun()
         :: true
@@ -320,28 +420,39 @@ again:
         :: else -> break
         od;
         makePlace();
-#if VARIANT == 1
-        bury();
+#if MUTANT != 8
+        was = newestAt[ slot ];
 #endif
-#if MUTANT == 2
+#if MUTANT == 3
         storeMark();
         storeEntry();
+        storePosition();
+#elif MUTANT == 4
+        storeEntry();
+        storeMark();
+        storePosition();
+#elif VARIANT == 4
+        storePosition();
+        storeEntry();
+        storeMark();
 #else
         storeEntry();
+        storePosition();
         storeMark();
 #endif
-#if MUTANT == 4
-        store( tail[ fileOf( g ) ] = low );
+#if MUTANT == 6
+        store( tail[ g ] = low );
 #endif
 #if MUTANT == 13
-        store( before[ fileOf( g ) ] = former );
-        store( round[ fileOf( g ) ] = mine );
-#endif
-#if VARIANT != 1
-        bury();
+        store( before[ g ] = former );
+        store( round[ g ] = mine );
 #endif
         d_step {
-            place[ slot ] = placeOf( head );
+            if
+            :: was != 0 -> noted( was ) = true
+            :: else
+            fi;
+            was = 0;
             head++;
             sequence++;
             checkEntries()
@@ -356,47 +467,46 @@ finished:
     stopped = true
 }
 
-#define mapped fileOf( mine )
 #define pending                                                                                \
-    ( mine != generation || !placed || draining || markHead[ mapped ] != position ||           \
-      markSequence[ mapped ] != known )
+    ( mine != generation || !placed || draining || markHead[ mine ] != position ||           \
+      markSequence[ mine ] != known )
 
 /* ( S, H ) */
 inline loadMark() {
-#if MUTANT == 7
-    end = markHead[ mapped ];
-    endSequence = markSequence[ mapped ]
+#if MUTANT == 10
+    end = markHead[ mine ];
+    endSequence = markSequence[ mine ];
 #else
     atomic {
-        end = markHead[ mapped ];
-        endSequence = markSequence[ mapped ]
+        end = markHead[ mine ];
+        endSequence = markSequence[ mine ]
     }
 #endif
-    endTail = tail[ mapped ]
+    endTail = tail[ mine ]
 }
 
 /* The start of that position's round, and where that ends as far as it is known; 0 when its round
  * is over. */
 inline locate(first) {
 #if MUTANT == 15
-    start = before[ mapped ];
+    start = before[ mine ];
     atomic {
-        roundEnd = round[ mapped ];
+        roundEnd = round[ mine ];
         if
-        :: first >= roundEnd -> start = roundEnd; roundEnd = NONE
+        :: first >= roundEnd -> start = roundEnd; roundEnd = FAR
         :: first < roundEnd && first < start -> start = 0
         :: else
         fi
     }
 #else
-    atomic { start = round[ mapped ]; roundEnd = NONE }
+    atomic { start = round[ mine ]; roundEnd = FAR }
     if
     :: first < start ->
         atomic {
             roundEnd = start;
-            start = before[ mapped ];
+            start = before[ mine ];
             if
-            :: first < start -> assert( tail[ mapped ] > first ); start = 0
+            :: first < start -> assert( tail[ mine ] > first ); start = 0
             :: else
             fi
         }
@@ -405,28 +515,44 @@ inline locate(first) {
 #endif
 }
 
-#define readerPlace(position) wordAt( mine, ( position ) - start )
+#define readerPlace(position) ( wordAt( mine, ( position ) - start ) % ( GENERATIONS * MOST ) )
 
-/* Loads the entries first to last - 1, at most a batch; `sound` when they are what they seem. */
-inline read(first, last) {
+#define tailIsPast ( tail[ mine ] > position )
+
+/* The entries from the position on, at most a batch, and what their slots tell; `sound` when they
+ * are what they seem. */
+inline read() {
     size = 0;
-    locate( first );
+    locate( position );
     do
     :: atomic {
-        start != 0 && size < BATCH && first + size < last && first + size < roundEnd ->
-        assert( first + size - start < MOST );
-        batch[ size ] = entries[ readerPlace( first + size ) % ( FILES * MOST ) ];
+        start != 0 && size < BATCH && position + size < end && position + size < roundEnd ->
+        assert( position + size - start < MOST );
+        batch[ size ] = entries[ readerPlace( position + size ) ];
         size++
     }
     :: else -> break
     od;
-#if MUTANT == 1
-    sound = start != 0;
-#else
-    sound = start != 0 && tail[ mapped ] <= first;
+    atomic { sound = start != 0; start = 0; roundEnd = 0; i = 0 }
+#if MUTANT == 2
+    sound = sound && !tailIsPast;
 #endif
-    atomic { start = 0; roundEnd = 0 }
-#if MUTANT != 9 && VARIANT != 2
+    do
+    :: i < size ->
+#if VARIANT == 1
+        sequences[ i ] = version[ batch[ i ] ];
+        newest[ i ] = newestAt[ batch[ i ] ];
+#else
+        newest[ i ] = newestAt[ batch[ i ] ];
+        sequences[ i ] = version[ batch[ i ] ];
+#endif
+        i++
+    :: else -> break
+    od;
+#if MUTANT != 1 && MUTANT != 2
+    sound = sound && !tailIsPast;
+#endif
+#if VARIANT != 2
     sound = sound && generation == mine;
 #endif
     i = 0
@@ -435,166 +561,204 @@ inline read(first, last) {
 /* What a reader claims to know: a change that it was not told of has a newer one after it. */
 inline knownIs(value) {
     d_step {
+        alsoAssert( value >= known );
         known = value;
-        alsoAssert( version[ 0 ] > known || mirror[ 0 ] == version[ 0 ] );
-        alsoAssert( version[ 1 ] > known || mirror[ 1 ] == version[ 1 ] )
+        k = 0;
+        do
+        :: k < SLOTS -> alsoAssert( version[ k ] > known || mirror[ k ] == version[ k ] ); k++
+        :: else -> break
+        od;
+        k = 0
     }
 }
 
 /* Reads the slot, for the reader's user. */
-inline report(which) {
+inline report(slot) {
     atomic {
-        mirror[ which ] = version[ which ];
+        mirror[ slot ] = version[ slot ];
 #if EACH_ONCE
-        assert( !reported[ which ] );
+        assert( !reported[ slot ] );
 #endif
-        reported[ which ] = true
+        reported[ slot ] = true
     }
 }
 
-inline beginReports() {
-    draining = true;
-    lastTold[ 0 ] = false;
-    lastTold[ 1 ] = false;
-    reported[ 0 ] = false;
-    reported[ 1 ] = false
-}
-
-/* The slots of the last entries; `sound` when they are valid, or the place is lost anyway. */
-inline loadLastSlots() {
-    lastCount = ( position < endTail -> 0 : doubled );
-    lastCount = ( end - position < lastCount -> end - position : lastCount );
-    sound = true;
-#if MUTANT == 11 || VARIANT == 3
-    if
-    :: end != position && position >= endTail ->
-        locate( end - 1 );
-        if
-        :: start != 0 -> lastSlots[ 0 ] = slotOf( entries[ readerPlace( end - 1 ) ] )
-        :: else -> sound = false
-        fi
-    :: else
-    fi;
-#endif
+inline forgetBatch() {
+    k = 0;
     do
-    :: i < lastCount && sound ->
-        locate( end - 1 - i );
-        if
-        :: start != 0 -> atomic {
-            lastSlots[ i ] = slotOf( entries[ readerPlace( end - 1 - i ) % ( FILES * MOST ) ] );
-            i++
-        }
-        :: else -> sound = false
-        fi
+    :: k < BATCH -> batch[ k ] = 0; newest[ k ] = 0; sequences[ k ] = 0; k++
     :: else -> break
     od;
-    atomic { start = 0; roundEnd = 0; i = 0; endTail = 0 }
+    k = 0;
+    i = 0;
+    size = 0;
+    news = false;
+    sound = false
 }
 
-/* Of the last entries, those of a slot that was told of. */
-inline isTold(which) {
-    atomic {
-        lastTold[ 0 ] = lastTold[ 0 ] || ( lastCount > 0 && lastSlots[ 0 ] == which );
-        lastTold[ 1 ] = lastTold[ 1 ] || ( lastCount > 1 && lastSlots[ 1 ] == which )
+inline forgetFound() {
+    k = 0;
+    do
+    :: k < SLOTS -> found[ k ] = 0; k++
+    :: else -> break
+    od;
+    k = 0
+}
+
+/* The slot of those found that changed first; SLOTS: none is left. */
+inline firstFound() {
+    d_step {
+        i = SLOTS;
+        k = 0;
+        do
+        :: k < SLOTS ->
+            if
+            :: found[ k ] != 0 && ( i == SLOTS || found[ k ] < found[ i ] ) -> i = k
+            :: else
+            fi;
+            k++
+        :: else -> break
+        od;
+        k = 0
     }
 }
 
-/* Passes over what is known of the entries that stand in order. */
-inline endOfKnown() {
-    low = from;
-    high = ( sortedEnd[ mapped ] < end -> sortedEnd[ mapped ] : end );
+inline forgetDrain() {
+    k = 0;
     do
-    :: known != 0 && low < high ->
-        at = low + ( high - low ) / 2;
-        middle = at;
-        do
-        :: locate( at );
-            if
-            :: start == 0 -> break
-            :: else
-            fi;
-            atomic { entry = entries[ readerPlace( at ) % ( FILES * MOST ) ]; at++ };
-            if
-            :: tombed( entry ) && at < high
-            :: else -> break
-            fi
-        od;
-        if
-        :: start == 0 || tail[ mapped ] > from -> break
-        :: else
-        fi;
-        if
-        :: tombed( entry ) || version[ slotOf( entry ) ] > known -> high = middle
-        :: else -> low = at
-        fi
-    :: else -> from = low; break
+    :: k < SLOTS -> told[ k ] = false; reported[ k ] = false; k++
+    :: else -> break
     od;
-    atomic { low = 0; high = 0; middle = 0; at = 0; entry = 0; start = 0; roundEnd = 0 }
+    k = 0;
+    end = 0;
+    endSequence = 0;
+    endTail = 0;
+    draining = false
 }
 
-/* The slots that a batch names, with their versions as they are now. */
-inline collect() {
+/* The place in the order that the generation began with: all before it is known. 0: walk. */
+inline endOfKnown() {
+    atomic {
+        from = endTail;
+        low = from;
+        high = ( sortedEnd[ mine ] < end -> sortedEnd[ mine ] : end );
+        sound = true
+    }
     do
-    :: atomic {
-        i < size ->
-        if
-        :: tombed( batch[ i ] ) && sequenceOf( batch[ i ] ) <= endSequence
-        :: else ->
-            now = version[ slotOf( batch[ i ] ) ];
+    :: sound && low < high ->
+        atomic {
+            middle = low + ( high - low ) / 2;
+            at = middle;
+            live = false
+        }
+        do
+        :: sound && !live && at < high ->
+            locate( at );
             if
-            :: now > known && now > found[ slotOf( batch[ i ] ) ] ->
-                found[ slotOf( batch[ i ] ) ] = now
-            :: else
-            fi;
-            now = 0
-        fi;
+            :: start == 0 -> sound = false
+            :: else ->
+                atomic { entry = entries[ readerPlace( at ) ]; start = 0; roundEnd = 0 }
+#if VARIANT == 6
+                live = true;
+#else
+                live = newestAt[ entry ] == at;
+#endif
+                at++
+            fi
+        :: else -> break
+        od;
+        live = live && version[ entry ] <= known;
+#if VARIANT != 5
+        sound = sound && tail[ mine ] <= from;
+#endif
+        atomic {
+            if
+            :: live -> low = at
+            :: else -> high = middle
+            fi
+        }
+    :: else -> break
+    od;
+    atomic {
+#if MUTANT == 18
+        position = ( sound -> low : 0 );
+#else
+        position = ( sound && ( low > from || from == firstPosition[ mine ] ) -> low : 0 );
+#endif
+        from = 0; low = 0; high = 0; middle = 0; at = 0; entry = 0; start = 0; roundEnd = 0;
+        live = false; sound = false
+    }
+}
+
+/* All slots that changed since what is known. */
+inline findNews() {
+    do
+    :: i < SLOTS -> atomic {
+        now = version[ i ];
+        found[ i ] = ( now > known -> now : 0 );
+        now = 0;
         i++
     }
     :: else -> break
-    od
+    od;
+    atomic { position = end; i = 0 }
 }
 
-/* Whether an entry speaks for its slot in this drain; `told` is known once it is reported. */
-inline judge() {
-    told = known;
-    news = false;
-    now = version[ slotOf( entry ) ];
-    if
-    :: end - 1 - position < lastCount && lastTold[ end - 1 - position ]
-    :: else ->
-        if
-        :: tombed( entry ) -> news = sequenceOf( entry ) > endSequence
-        :: !tombed( entry ) && sequenceOf( entry ) > known && sequenceOf( entry ) <= endSequence ->
-            if
-            :: now > endSequence -> news = speaks
-            :: now <= endSequence && now > known && now == sequenceOf( entry ) ->
-                news = true;
-                told = now
-            :: else
-            fi
-        :: else
-        fi
-    fi;
-    now = 0
-}
+/* Whether an entry has a later one in this drain; whether its slot may be met again. */
+#if MUTANT == 23
+#define later ( newest[ i ] > position )
+#elif VARIANT == 3
+#define later ( newest[ i ] != position && newest[ i ] < end )
+#else
+#define later ( newest[ i ] > position && newest[ i ] < end )
+#endif
+#define nearTail ( position >= endTail && position - endTail < RUN )
+#if MUTANT == 24
+#define keeps false
+#elif MUTANT == 25
+#define keeps ( newest[ i ] != position )
+#elif MUTANT == 26
+#define keeps nearTail
+#else
+#define keeps ( newest[ i ] != position || nearTail )
+#endif
+#if MUTANT == 27
+#define wasTold ( keeps && told[ batch[ i ] ] )
+#else
+#define wasTold told[ batch[ i ] ]
+#endif
+#if MUTANT == 22
+#define unknown true
+#else
+#define unknown ( sequences[ i ] > known )
+#endif
+#if MUTANT == 20
+#define tells ( sequences[ i ] <= endSequence )
+#elif MUTANT == 21
+#define tells ( newest[ i ] == position )
+#else
+#define tells ( newest[ i ] == position && sequences[ i ] <= endSequence )
+#endif
 
 /* Maps the present generation. */
 inline attach() {
     if
     :: mine != generation ->
-#if MUTANT != 5
-        thrownBack = thrownBack || draining;
-        placed = false;
-        draining = false
-#else
+#if VARIANT == 7
         skip
+#else
+        placed = false;
+        forgetDrain()
 #endif
     :: else
     fi;
     mine = generation
 }
 
-active proctype reader() {
+#if MUTANT != 14 /* which the writer finds out by itself */
+active
+#endif
+proctype reader() {
     byte mine = 0; /* the generation that it has mapped */
     byte position = 0;
     byte known = 0; /* the sequence up to which it reported everything */
@@ -602,15 +766,15 @@ active proctype reader() {
     byte endSequence = 0;
     byte endTail = 0; /* the tail after that mark was loaded */
     byte start = 0, roundEnd = 0;
-    byte lastSlots[ RUN ]; /* of the entries before the end, from there backwards */
-    byte lastCount = 0;
-    byte found[ 2 ];
+    byte found[ SLOTS ];
     byte batch[ BATCH ];
-    byte size, i, from, low, high, middle, at, entry, now, told;
-    bool placed, draining, sound, news;
-    bool lastTold[ RUN ]; /* the slots of the entries before the end that were reported */
-    bool reported[ 2 ];
-    bool thrownBack; /* in the middle of a drain: what it told first may not be the oldest */
+    byte newest[ BATCH ];    /* positions that their slots name */
+    byte sequences[ BATCH ]; /* of their slots */
+    byte size, i, from, low, high, middle, at, now;
+    byte entry, k;
+    bool placed, draining, sound, news, live;
+    bool told[ SLOTS ];
+    bool reported[ SLOTS ];
 
 again:
     atomic { attach() };
@@ -619,125 +783,108 @@ again:
     :: else
     fi;
 
-    atomic {
-        found[ 0 ] = 0;
-        found[ 1 ] = 0;
-        from = tail[ mapped ]
-    }
+    d_step { forgetFound() }
     loadMark();
     endOfKnown();
-    do
-    :: from < end ->
-        read( from, end );
-        if
-        :: sound -> collect(); from = from + size
-        :: !sound && mine != generation -> goto again
-        :: else ->
-            from = ( tail[ mapped ] > from -> tail[ mapped ] : from );
-            loadMark()
-        fi
-    :: else -> break
-    od;
-    atomic {
-        from = 0;
-        position = end;
-        placed = true;
-        beginReports()
-    }
+    if
+    :: position == 0 -> findNews()
+    :: else
+    fi;
+    atomic { placed = true; draining = true }
 
 drain:
     if
     :: !draining ->
         loadMark();
         alsoAssert( end >= position && endSequence >= known );
-        loadLastSlots();
-        if
-        :: !sound -> goto again
-        :: else
-        fi;
-        d_step { beginReports() }
+        draining = true
     :: else
     fi;
 
+    firstFound();
     do
-    :: found[ 0 ] != 0 || found[ 1 ] != 0 ->
+    :: i < SLOTS ->
+        report( i );
         atomic {
-            i = ( found[ 0 ] == 0 || ( found[ 1 ] != 0 && found[ 1 ] < found[ 0 ] ) );
-            now = version[ i ];
-            news = now == found[ i ] || now > endSequence;
-            now = 0
-        }
-        if
-        :: news -> report( i )
-        :: else
-        fi;
-        atomic {
-#if MUTANT == 10
-            told = found[ i ];
+#if MUTANT == 19
+            now = found[ i ];
 #else
-            told = ( found[ i ] < endSequence -> found[ i ] : endSequence );
+            now = ( found[ i ] < endSequence -> found[ i ] : endSequence );
 #endif
-            told = ( told > known -> told : known );
-            knownIs( told );
+            now = ( now > known -> now : known );
+            knownIs( now );
+            now = 0;
             found[ i ] = 0;
             i = 0
         }
         if
-        :: news -> goto again
+        :: goto again
         :: true
-        fi
-    :: else -> break
+        fi;
+        firstFound()
+    :: else -> i = 0; break
     od;
 
     do
     :: position != end ->
-        read( position, end );
+        read();
         if
         :: !sound ->
-            d_step { thrownBack = true; placed = false; draining = false }
+            d_step { forgetBatch(); forgetDrain(); placed = false }
             goto again
         :: else
         fi;
         do
         :: i < size ->
-            atomic { entry = batch[ i ]; judge() }
+            news = unknown && !later && !wasTold;
             if
-            :: news -> report( slotOf( entry ) ); isTold( slotOf( entry ) )
+            :: news -> report( batch[ i ] )
             :: else
             fi;
-            atomic { i++; position++; knownIs( told ) }
+            atomic {
+                now = ( news && tells -> sequences[ i ] : known );
+                told[ batch[ i ] ] = told[ batch[ i ] ] || ( news && keeps );
+                knownIs( now );
+                now = 0;
+                newest[ i ] = 0;
+                sequences[ i ] = 0;
+                batch[ i ] = 0;
+                i++;
+                position++
+            }
             if
-            :: news -> goto again
-            :: true
+            :: news -> d_step { forgetBatch() }
+                goto again
+            :: news = false
             fi
         :: else -> break
         od
     :: else -> break
     od;
 
-#if MUTANT == 6
-    position = markHead[ mapped ];
+#if MUTANT == 9
+    position = markHead[ mine ];
 #endif
     atomic {
-        draining = false;
         knownIs( endSequence );
 #if EACH_ONCE
         i = 1;
         do
-        :: i <= known -> assert( thrownBack || mirror[ changed[ i ] ] >= i ); i++
+        :: i <= known -> assert( mirror[ changed[ i ] ] >= i ); i++
         :: else -> break
         od;
 #endif
-        i = 0; size = 0; entry = 0; told = 0; news = false; sound = false;
-        batch[ 0 ] = 0; batch[ 1 ] = 0; end = 0; endSequence = 0; endTail = 0;
-        lastSlots[ 0 ] = 0; lastSlots[ 1 ] = 0; lastCount = 0; lastTold[ 0 ] = false;
-        lastTold[ 1 ] = false
+        forgetBatch();
+        forgetDrain()
     }
     if
     :: pending -> goto again
     :: atomic {
         stopped && !pending ->
-        assert( mirror[ 0 ] == version[ 0 ] && mirror[ 1 ] == version[ 1 ] )
+        do
+        :: k < SLOTS -> assert( mirror[ k ] == version[ k ] ); k++
+        :: else -> break
+        od
     }
     fi
 }

@@ -8,7 +8,7 @@
  * since, so a writer that stops keeps it from nothing. It never takes a sound record for a corrupt
  * one.
  *
- * A value is two words, and each is the sequence of the change that wrote it. The reader follows
+ * A value is two words, and each names the change that wrote it, and its slot. The reader follows
  * slot 0; changes of slot 1 go through the same record.
  *
  * Memory: writers load nothing that somebody else stores meanwhile, the reader stores nothing. So
@@ -26,6 +26,7 @@
  *   MUTANT=6             fail    the reader does not look at the version again after the record
  *   MUTANT=7             fail    recovery makes the change without marking the slot
  *   MUTANT=8             fail    recovery makes the change of a record that is half written
+ *   MUTANT=9             fail    the record names its slot before it says that it is being written
  */
 
 #ifndef MUTANT
@@ -39,18 +40,21 @@
 #define KILLS 1
 #endif
 
-#define settled(sequence) ( ( sequence ) * 2 )
+#define settled(sequence) ( ( sequence ) * 4 )
+#define dead(sequence) ( ( sequence ) * 4 + 2 )
+#define whileWriting(v) ( ( v ) - ( v ) % 2 + 1 )
 #define writing(v) ( ( v ) % 2 == 1 )
-#define sequenceOf(v) ( ( v ) / 2 )
+#define isWhole(v) ( ( v ) % 4 == 0 )
+#define sequenceOf(v) ( ( v ) / 4 )
 #define NO_SLOT 2
+#define value( sequence, slot ) ( ( sequence ) * 2 + ( slot ) )
 
 /* Shared. */
 byte version[ 2 ];
 byte first[ 2 ];
 byte second[ 2 ];
-byte recordVersion = 0;
+byte recordVersion = 0; /* of the slot once the change is made; and whether it is being written */
 byte recordSlot = NO_SLOT;
-byte recordNew = 0;
 byte recordFirst = 0;
 byte recordSecond = 0;
 
@@ -64,17 +68,29 @@ bool progress = false;   /* a writer made a step since the reader looked */
     :: atomic { kills > 0 -> kills--; goto killed }                                            \
     fi
 
-inline writeRecord() {
-    store( recordVersion = recordVersion + 1 );
+inline beginRecord() {
+#if MUTANT == 9
     store( recordSlot = slot );
-    store( recordNew = settled( sequence + 1 ) );
-    store( recordFirst = sequence + 1 );
-    store( recordSecond = sequence + 1 );
-    store( recordVersion = recordVersion + 1 )
+    store( recordVersion = whileWriting( settled( sequence + 1 ) ) )
+#else
+    store( recordVersion = whileWriting( settled( sequence + 1 ) ) );
+    store( recordSlot = slot )
+#endif
+}
+
+inline fillRecord() {
+    store( recordFirst = value( sequence + 1, slot ) );
+    store( recordSecond = value( sequence + 1, slot ) );
+    store( recordVersion = settled( sequence + 1 ) )
+}
+
+inline writeRecord() {
+    beginRecord();
+    fillRecord()
 }
 
 inline markSlot(which) {
-    store( version[ which ] = version[ which ] - version[ which ] % 2 + 1 )
+    store( version[ which ] = whileWriting( version[ which ] ) )
 }
 
 inline storeVersion(which, to) {
@@ -88,13 +104,8 @@ inline storeVersion(which, to) {
 inline update() {
 #if MUTANT == 5
     if
-    :: recordVersion % 2 == 0 -> writeRecord() /* else the last change began with it */
-    :: else ->
-        store( recordSlot = slot );
-        store( recordNew = settled( sequence + 1 ) );
-        store( recordFirst = sequence + 1 );
-        store( recordSecond = sequence + 1 );
-        store( recordVersion = recordVersion + 1 )
+    :: writing( recordVersion ) -> store( recordSlot = slot ); fillRecord()
+    :: else -> writeRecord() /* else the last change began with it */
     fi;
     markSlot( slot );
 #elif MUTANT == 2
@@ -106,10 +117,10 @@ inline update() {
     writeRecord();
     markSlot( slot );
 #endif
-    store( first[ slot ] = sequence + 1 );
-    store( second[ slot ] = sequence + 1 );
+    store( first[ slot ] = value( sequence + 1, slot ) );
+    store( second[ slot ] = value( sequence + 1, slot ) );
 #if MUTANT == 5
-    store( recordVersion = recordVersion + 1 );
+    store( recordVersion = whileWriting( settled( sequence + 2 ) ) );
 #endif
     storeVersion( slot, settled( sequence + 1 ) );
     atomic { sequence++; slot = 0 }
@@ -118,12 +129,13 @@ inline update() {
 /* Makes the change of a record that is whole and newer than its slot; drops half a record. */
 inline recover() {
     if
-    :: recordVersion % 2 == 1 && MUTANT != 8 ->
+    :: writing( recordVersion ) && MUTANT != 8 ->
         store( recordSlot = NO_SLOT );
-        store( recordVersion = recordVersion + 1 )
+        store( recordVersion = dead( sequenceOf( recordVersion ) ) )
     :: else ->
         if
-        :: recordSlot != NO_SLOT && sequenceOf( version[ recordSlot ] ) < sequenceOf( recordNew ) ->
+        :: recordSlot != NO_SLOT &&
+           sequenceOf( version[ recordSlot ] ) < sequenceOf( recordVersion ) ->
 #if MUTANT == 3
             store( version[ recordSlot ] = version[ recordSlot ] - version[ recordSlot ] % 2 )
 #else
@@ -132,17 +144,10 @@ inline recover() {
 #endif
             store( first[ recordSlot ] = recordFirst );
             store( second[ recordSlot ] = recordSecond );
-            storeVersion( recordSlot, recordNew )
+            storeVersion( recordSlot, settled( sequenceOf( recordVersion ) ) )
 #endif
         :: else
-        fi;
-#if MUTANT == 8
-        if
-        :: recordVersion % 2 == 1 -> store( recordVersion = recordVersion + 1 )
-        :: else
-        fi;
-#endif
-        skip
+        fi
     fi;
     d_step {
         sequence = sequenceOf( version[ 0 ] );
@@ -184,14 +189,14 @@ inline startOver() {
 
 inline got(one, other) {
     atomic {
-        assert( one == other );
-        assert( one >= before && one >= last );
-        last = one
+        assert( one == other && one % 2 == 0 );
+        assert( one / 2 >= before && one / 2 >= last );
+        last = one / 2
     }
 }
 
 active proctype reader() {
-    byte seen, one, other, record, slotOfRecord, newVersion, before;
+    byte seen, one, other, record, slotOfRecord, before;
     byte last = 0;
     bool stable;
 
@@ -214,20 +219,19 @@ look:
         :: else ->
             record = recordVersion;
             slotOfRecord = recordSlot;
-            newVersion = recordNew;
             one = recordFirst;
             other = recordSecond;
-            stable = record % 2 == 0 && recordVersion == record;
+            stable = isWhole( record ) && recordVersion == record;
 #if MUTANT != 6
             if
             :: version[ 0 ] != seen -> startOver()
             :: else
             fi;
 #endif
-            assert( stable && slotOfRecord == 0 && sequenceOf( newVersion ) > sequenceOf( seen ) );
+            assert( stable && slotOfRecord == 0 && sequenceOf( record ) > sequenceOf( seen ) );
             got( one, other )
         fi;
-        atomic { seen = 0; one = 0; other = 0; record = 0; slotOfRecord = 0; newVersion = 0;
+        atomic { seen = 0; one = 0; other = 0; record = 0; slotOfRecord = 0;
                  stable = false }
     od
 }

@@ -10,11 +10,13 @@ using Qel::S64;
 
 namespace {
 
-constexpr U64 lowHalf = U64( 1 ) << 32;
+constexpr U64 placesLimit = U64( 1 ) << 32;
+constexpr U32 noSlot = Segments::noIndex_;
+constexpr U64 tailLimit = U64( 1 ) << 30; // positions that it may go on by between two loads
 
 } // namespace
 
-// Maps the present generation. Positions begin anew in another one.
+// Maps the present generation.
 bool QueueReader::attached() {
     if ( segment_ && !replaced() ) {
         return true;
@@ -53,7 +55,7 @@ bool QueueReader::loadMark( U64& head, U64& sequence ) {
     if ( endTail_ < tail ) {
         wild( "a tail that went back to position", endTail_ );
     }
-    if ( endTail_ - tail > lowHalf / 4 ) {
+    if ( endTail_ - tail > tailLimit ) {
         return false;
     }
     head = tail + U32( mark.position() - U32( tail ) );
@@ -74,30 +76,8 @@ bool QueueReader::beginDrain() {
     if ( end_ < position_ || endSequence_ < sequence_ ) {
         wild( "a head that went back to position", end_ );
     }
-    draining_ = loadLastSlots();
-    return draining_;
-}
-
-// The slots that may have two entries up to the end that speak for them: that of the last change,
-// whose former entry becomes a tombstone after the mark; and those of a run at the tail, for a
-// reader that is nearly lapped, as moved entries stand in both their places until the tail is
-// stored. False when the last entries are not valid any more.
-bool QueueReader::loadLastSlots() {
-    lastTold_ = 0;
-    lastCount_ = 0;
-    if ( position_ < endTail_ ) {
-        return true; // the place is lost, as reading there tells
-    }
-    const U64 most = position_ - endTail_ < QueueSegment::run_ ? QueueSegment::run_ : 1;
-    lastCount_ = unsigned( std::min( most, end_ - position_ ) );
-    for ( unsigned i = 0; i < lastCount_; ++i ) {
-        U64 count = 1;
-        const U64* const entry = entriesAt( end_ - 1 - i, count );
-        if ( !entry ) {
-            return false;
-        }
-        lastSlots_[ i ] = QueueEntry( loadAcquire( entry ) ).slot(); // SYNC( queue-entry )
-    }
+    told_.clear();
+    draining_ = true;
     return true;
 }
 
@@ -112,7 +92,7 @@ bool QueueReader::holds( U64 places ) {
 
 // Where the entry of a position stands that was below the head, with as many of `count` as stand
 // behind it in its round. Null when its round is over, or the file is not there any more.
-const U64* QueueReader::entriesAt( U64 position, U64& count ) {
+const U32* QueueReader::entriesAt( U64 position, U64& count ) {
     const U64 round = segment_->round();
     U64 start = round;
     if ( position < round ) {
@@ -126,7 +106,7 @@ const U64* QueueReader::entriesAt( U64 position, U64& count ) {
         count = std::min( count, round - position );
     }
     const U64 place = position - start;
-    if ( place >= lowHalf || !holds( place + count ) ) {
+    if ( place >= placesLimit || !holds( place + count ) ) {
         if ( segment_->gone() || segment_->tail() > position ) {
             return nullptr;
         }
@@ -135,176 +115,154 @@ const U64* QueueReader::entriesAt( U64 position, U64& count ) {
     return segment_->place( place );
 }
 
-// False when what was read may be of a later round, or the generation is another one.
+// False when what was read may be of a later round, or the generation is another one. The slots are
+// all mapped before the first is pointed at, and all asked for before the first is looked at, so
+// that their cache misses overlap; their heads are loaded before the tail is, which tells of those
+// that were moved.
 bool QueueReader::read( U64 from, U64 to, Batch& batch ) {
     U64 count = std::min< U64 >( batchSize_, to - from );
-    const U64* const entries = entriesAt( from, count );
+    const U32* const entries = entriesAt( from, count );
     if ( !entries ) {
         return false;
     }
     batch.size = unsigned( count );
-    for ( unsigned i = 0; i < batch.size; ++i ) {
-        batch.entries[ i ] = QueueEntry( loadAcquire( entries + i ) ); // SYNC( queue-entry )
+    unsigned mapped = 0;
+    for ( ; mapped < batch.size; ++mapped ) {
+        const U32 slot = loadAcquire( entries + mapped ); // SYNC( queue-entry )
+        batch.entries[ mapped ].slot = slot;
+        if ( !isMapped( slot ) ) {
+            break;
+        }
     }
-    return segment_->tail() <= from && !replaced();
+    for ( unsigned i = 0; i < mapped; ++i ) {
+        fetchWords< 16 >( segments_.slot( batch.entries[ i ].slot ) );
+    }
+    for ( unsigned i = 0; i < mapped; ++i ) {
+        Entry& entry = batch.entries[ i ];
+        const SlotHead* const head = segments_.slot( entry.slot );
+        entry.newest = loadAcquire( &head->queuePosition ); // SYNC( queue-position )
+        entry.sequence = versionOf( head ).sequence();
+    }
+    if ( segment_->tail() > from || replaced() ) {
+        return false;
+    }
+    if ( mapped < batch.size ) {
+        wild( "an entry of slot", batch.entries[ mapped ].slot );
+    }
+    return true;
 }
 
-SlotVersion QueueReader::versionAt( U32 slot ) const {
-    if ( slot >= segments_.slotsMapped() && slot >= table_.slotCount() ) {
-        wild( "an entry of slot", slot );
-    }
-    return versionOf( segments_.slot( slot ) );
+// Whether there is such a slot; it is mapped then, and may be somewhere else than before.
+bool QueueReader::isMapped( U32 slot ) const {
+    return slot < segments_.slotsMapped() || slot < table_.slotCount();
 }
 
 // Whether this entry is the one that speaks for its slot in the drain under way. The entries of new
 // changes stand in their order, so everything up to its own is `told` by its report.
 //
-// Of a slot with two entries that speak for it, whichever is met first does.
-bool QueueReader::isNews( QueueEntry entry, U64& told ) {
-    const U64 left = end_ - 1 - position_;
-    if ( left < lastCount_ && ( lastTold_ >> left & 1 ) ) {
+// A slot names another position for three reasons. It changed by a later entry of this drain, which
+// will be met. It changed, or a next writer gave it a position, after the drain began: then the one
+// of its entries that is met first speaks. Or the entry is a copy of one at the tail that is not
+// named yet; then the slot's change is known.
+bool QueueReader::isNews( const Entry& entry, U64& told ) {
+    if ( entry.sequence <= sequence_ ) {
         return false;
     }
-    if ( entry.tombed() ) {
-        const bool later = S32( entry.sequence() - U32( endSequence_ ) ) > 0;
-        counts_.tombed += !later;
-        return later;
-    }
-    const U64 news = endSequence_ - sequence_;
-    if ( news < lowHalf && U32( entry.sequence() - U32( sequence_ ) - 1 ) >= news ) {
-        return false; // appended anew; known
-    }
-    const U64 now = versionAt( entry.slot() ).sequence();
-    if ( now > endSequence_ ) {
-        return true;
-    }
-    if ( now <= sequence_ || U32( now ) != entry.sequence() ) {
+    const bool later = entry.newest > position_ && entry.newest < end_;
+    if ( later || told_.has( entry.slot ) ) {
+        ++counts_.tombed;
         return false;
     }
-    told = now;
+    if ( mayBeMetAgain( entry ) ) {
+        try {
+            told_.reserve( segments_.slotsMapped() );
+        } catch ( const std::bad_alloc& ) {
+            noMemory( "to note the changed slots of " );
+        }
+    }
+    if ( entry.newest == position_ && entry.sequence <= endSequence_ ) {
+        told = entry.sequence;
+    }
     return true;
 }
 
-// The entries that stand in order are passed over as far as their changes are known.
-U64 QueueReader::endOfKnown( U64 from ) {
+// The place of a reader in the order that the generation began with: all changes before it are
+// known. 0 when nothing in what is left of that order is known, while some of it was moved.
+U64 QueueReader::endOfKnown() {
+    const U64 from = endTail_;
     U64 low = from;
     U64 high = std::min( segment_->shape().sortedEnd, end_ );
-    while ( sequence_ != 0 && low < high ) {
+    while ( low < high ) {
         const U64 middle = low + ( high - low ) / 2;
         U64 at = middle;
-        QueueEntry entry;
-        do {
+        const SlotHead* head = nullptr; // of the first live one from the middle on
+        for ( ; !head && at < high; ++at ) {
             U64 count = 1;
-            const U64* const word = entriesAt( at++, count );
-            if ( !word ) {
-                return from; // the search starts over
-            }
-            entry = QueueEntry( loadAcquire( word ) ); // SYNC( queue-entry )
+            const U32* const entry = entriesAt( at, count );
+            const U32 slot = entry ? loadAcquire( entry ) : noSlot; // SYNC( queue-entry )
             ++counts_.probes;
-        } while ( entry.tombed() && at < high );
+            if ( !isMapped( slot ) ) {
+                return 0;
+            }
+            head = segments_.slot( slot );
+            if ( loadAcquire( &head->queuePosition ) != at ) { // SYNC( queue-position )
+                head = nullptr;
+            }
+        }
+        const bool known = head && versionOf( head ).sequence() <= sequence_;
         if ( segment_->tail() > from ) {
-            return from; // likewise
+            return 0;
         }
-        if ( entry.tombed() || versionAt( entry.slot() ).sequence() > sequence_ ) {
-            high = middle;
-        } else {
-            low = at;
-        }
+        ( known ? low : high ) = known ? at : middle;
     }
-    return low;
+    return low > from || from == segment_->shape().firstPosition ? low : 0;
 }
 
 bool QueueReader::search() {
     ++counts_.restarts;
-    found_.clear();
+    found_ = {};
     nextFound_ = 0;
-    try {
-        if ( !findNews() ) {
-            return false;
-        }
-        putInOrder();
-    } catch ( const std::bad_alloc& ) {
-        found_.clear();
-        throw MemoryResourceException( "no memory to put the changes of " + segments_.place() +
-                                       " in order" );
+    if ( !loadMark( end_, endSequence_ ) ) {
+        return false;
     }
-    position_ = end_;
+    position_ = endOfKnown();
+    if ( position_ == 0 ) {
+        findNews();
+        position_ = end_;
+    }
+    told_.clear();
     placed_ = draining_ = true;
     return true;
 }
 
-// Finds all entries newer than the known sequence, whatever is appended or moved meanwhile: an
-// entry that was live when the mark was loaded is met at its place, or the tail tells that it was
-// moved behind the mark, and then the search goes on to a newer one.
-bool QueueReader::findNews() {
-    U64 from = segment_->tail();
-    if ( !loadMark( end_, endSequence_ ) ) {
-        return false;
-    }
-    from = endOfKnown( from );
-    Batch batch;
-    for ( U32 patience = patience_; from < end_; ) {
-        if ( read( from, end_, batch ) ) {
-            collect( batch );
-            from += batch.size;
-            if ( found_.size() > 2 * segment_->places() ) {
-                putInOrder(); // a writer that moves the end on and on costs no more memory
+// Each change up to the end stands in its slot.
+void QueueReader::findNews() {
+    const U32 slots = table_.slotCount();
+    try {
+        for ( U32 index = 0; index < slots; ++index ) {
+            const U64 now = versionOf( segments_.slot( index ) ).sequence();
+            if ( now > sequence_ ) {
+                found_.push_back( { now, index } );
             }
-            continue;
         }
-        disturbed( patience );
-        if ( replaced() ) {
-            return false; // another segment is another search
-        }
-        from = std::max( from, segment_->tail() );
-        if ( !loadMark( end_, endSequence_ ) ) {
-            return false;
-        }
+    } catch ( const std::bad_alloc& ) {
+        found_ = {};
+        noMemory( "to put the changes in order of " );
     }
-    return true;
-}
-
-void QueueReader::putInOrder() {
+    counts_.probes += slots;
     std::sort( found_.begin(), found_.end(), []( const Found& a, const Found& b ) {
         return a.sequence != b.sequence ? a.sequence < b.sequence : a.slot < b.slot;
     } );
-    keepNewestOfSlots();
-}
-
-// A slot may have been met at its place, and again where its entry was moved to, or where that of a
-// later change stands.
-void QueueReader::keepNewestOfSlots() {
-    std::vector< bool > met( segments_.slotsMapped() );
-    auto kept = found_.end();
-    for ( auto at = found_.end(); at != found_.begin(); ) {
-        --at;
-        if ( !met[ at->slot ] ) {
-            met[ at->slot ] = true;
-            *--kept = *at;
-        }
-    }
-    found_.erase( found_.begin(), kept );
-}
-
-void QueueReader::collect( const Batch& batch ) {
-    for ( unsigned i = 0; i < batch.size; ++i ) {
-        const QueueEntry entry = batch.entries[ i ];
-        if ( entry.tombed() && S32( entry.sequence() - U32( endSequence_ ) ) <= 0 ) {
-            ++counts_.tombed;
-            continue;
-        }
-        const U64 now = versionAt( entry.slot() ).sequence();
-        if ( now <= sequence_ ) {
-            continue;
-        }
-        found_.push_back( { now, entry.slot() } );
-    }
 }
 
 void QueueReader::disturbed( U32& patience ) const {
     if ( --patience == 0 ) {
         wild( "a queue that does not hold still at position", position_ );
     }
+}
+
+void QueueReader::noMemory( const char* what ) const {
+    throw MemoryResourceException( std::string( "no memory " ) + what + segments_.place() );
 }
 
 void QueueReader::wild( const char* what, U64 number ) const {

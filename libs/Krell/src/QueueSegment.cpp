@@ -9,13 +9,15 @@ namespace Krell {
 namespace {
 
 constexpr unsigned attachRounds = 16; // of a reader that meets one generation after the other
-constexpr U64 page = 4096;            // bytes
-constexpr U64 populatedFrom = 65536;  // bytes
+constexpr U64 page = QueueSegment::pagePlaces_ * sizeof( U32 );
+constexpr U64 populatedFrom = 65536; // bytes
 
 // The bytes of a file with that many places: whole pages, for it takes them up anyway.
-U64 sizeOf( U64 places ) { return ( sizeof( QueueHeader ) + 8 * places + page - 1 ) / page * page; }
+U64 sizeOf( U64 places ) {
+    return ( sizeof( QueueHeader ) + sizeof( U32 ) * places + page - 1 ) / page * page;
+}
 
-U64 placesOf( U64 size ) { return ( size - sizeof( QueueHeader ) ) / 8; }
+U64 placesOf( U64 size ) { return ( size - sizeof( QueueHeader ) ) / sizeof( U32 ); }
 
 U32 checksumOf( const QueueHeader& header ) {
     constexpr std::size_t from = offsetof( QueueHeader, generation );
@@ -64,8 +66,9 @@ std::unique_ptr< QueueSegment > QueueSegment::create( const Segments& segments,
     header.version = QueueHeader::version_;
     header.fenix = segments.fenix();
     header.generation = shape.generation;
-    header.places = U32( placesOf( size ) );
+    header.places = placesOf( size );
     header.sortedEnd = shape.sortedEnd;
+    header.firstPosition = shape.firstPosition;
     header.checksum = checksumOf( header );
     made->shape_ = shape;
     made->shape_.places = header.places;
@@ -154,14 +157,14 @@ bool QueueSegment::isSound( std::string& why ) {
     if ( header.places < leastPlaces_ || header.places > placesOf( mem_.memSize() ) ) {
         return bad( "number of places", header.places );
     }
-    shape_ = { header.generation, header.places, header.sortedEnd };
+    shape_ = { header.generation, header.places, header.sortedEnd, header.firstPosition };
     locate();
     return true;
 }
 
 void QueueSegment::locate() noexcept {
     header_ = static_cast< QueueHeader* >( mem_.address() );
-    entries_ = reinterpret_cast< U64* >( header_ + 1 );
+    entries_ = reinterpret_cast< U32* >( header_ + 1 );
     places_ = placesOf( mem_.memSize() );
 }
 

@@ -1,6 +1,7 @@
 #include <Krell/QueueWriter>
 
 #include <algorithm>
+#include <bit>
 #include <new>
 #include <vector>
 
@@ -16,35 +17,34 @@ namespace {
 constexpr U64 scarceShare = 16;
 constexpr U64 scarceLeast = U64( 2 ) * QueueSegment::run_;
 
+constexpr U64 positionLimit = U64( 1 ) << 62;
+
 // 0 is none; its successor has to be of the other file.
 constexpr U32 generationAfter( U32 generation ) { return generation + 1 ? generation + 1 : 2; }
 
 } // namespace
 
 QueueWriter::QueueWriter( Segments& segments ) : segments_( segments ) {
-    const U32 slots = segments_.slotCount();
+    const std::vector< Change > changes = changesInOrder();
+    const U64 first = behindAllPositions();
+    const U64 places = QueueSegment::placesFor( segments_.slotCount() );
+    noteUpTo( places );
     segment_ = QueueSegment::create( segments_, { generationAfter( segments_.queueGeneration() ),
-                                                  U32( QueueSegment::placesFor( slots ) ),
-                                                  U64( slots ) + 1 } );
+                                                  places, first + changes.size(), first } );
     KRELL_CRASH_POINT( "queue: generation made" );
+    head_ = tail_ = round_ = roundBefore_ = first;
     located();
-    fillInOrder();
+    fill( changes );
     KRELL_CRASH_POINT( "queue: generation filled" );
-    publish();
+    publish( loadRelaxed( segments_.sequenceWord() ) );
     pauseIs();
 }
 
-void QueueWriter::fillInOrder() {
-    struct Change {
-        U64 sequence;
-        U32 slot;
-    };
+std::vector< QueueWriter::Change > QueueWriter::changesInOrder() const {
     std::vector< Change > changes;
     try {
-        const U32 count = segments_.slotCount();
-        newest_.growTo( count );
         changes.reserve( segments_.header().occupiedSlots );
-        for ( U32 index = 0; index < count; ++index ) {
+        for ( U32 index = 0; index < segments_.slotCount(); ++index ) {
             const SlotVersion version( loadRelaxed( &segments_.slot( index )->version ) );
             if ( version.sequence() != 0 ) {
                 changes.push_back( { version.sequence(), index } );
@@ -57,22 +57,40 @@ void QueueWriter::fillInOrder() {
     std::sort( changes.begin(), changes.end(), []( const Change& a, const Change& b ) {
         return a.sequence != b.sequence ? a.sequence < b.sequence : a.slot < b.slot;
     } );
+    return changes;
+}
+
+// The first one behind all of the generations before: the slots name all but the last few, which
+// their writer stored no position for any more. A wild one counts for nothing, for it will be
+// overwritten.
+U64 QueueWriter::behindAllPositions() const noexcept {
+    U64 last = 0;
+    for ( U32 index = 0; index < segments_.slotCount(); ++index ) {
+        const U64 position = loadRelaxed( &segments_.slot( index )->queuePosition );
+        if ( position < positionLimit ) {
+            last = std::max( last, position );
+        }
+    }
+    return last + U64( 4 ) * QueueSegment::run_;
+}
+
+void QueueWriter::fill( const std::vector< Change >& changes ) noexcept {
     for ( const Change& change : changes ) {
-        const U32 place = U32( head_ - round_ );
-        storeRelaxed( entries_ + place, QueueEntry( change.slot, change.sequence ).word() );
-        newest_[ change.slot ] = place;
+        storeRelaxed( entries_ + ( head_ - round_ ), change.slot );
+        storeRelease( &segments_.slot( change.slot )->queuePosition,
+                      head_ ); // SYNC( queue-position )
         ++head_;
     }
-    sequence_ = loadRelaxed( segments_.sequenceWord() );
+    filled_ = head_;
 }
 
 // The file of the generation before goes: who still maps it finds another number in the buckets
 // header.
-void QueueWriter::publish() {
+void QueueWriter::publish( U64 sequence ) {
     storeRelaxed( segment_->roundWord(), round_ );
     storeRelaxed( segment_->roundBeforeWord(), roundBefore_ );
     storeRelaxed( segment_->tailWord(), tail_ );
-    storeRelaxed( segment_->markWord(), QueueMark( sequence_, head_ ).word() );
+    storeRelaxed( segment_->markWord(), QueueMark( sequence, head_ ).word() );
     segment_->nameIsFinal();
     KRELL_CRASH_POINT( "queue: generation named" );
     segments_.queueGenerationIs( segment_->generation() ); // SYNC( queue-word )
@@ -87,21 +105,26 @@ void QueueWriter::located() noexcept {
 }
 
 void QueueWriter::reserve( U32 slots ) {
-    try {
-        newest_.growTo( slots );
-    } catch ( const std::bad_alloc& ) {
-        throw MemoryResourceException( "no memory to note the queue's entries for " +
-                                       std::to_string( slots ) + " slots of " + segments_.place() );
-    }
     const U64 places = QueueSegment::placesFor( slots );
     if ( places <= segment_->places() ) {
         return;
     }
+    noteUpTo( places );
     segment_->growTo( places );
     KRELL_CRASH_POINT( "queue: file grown" );
     ++resizes_;
     located();
     pauseIs();
+}
+
+// A file may get more places than asked for, up to a page of them.
+void QueueWriter::noteUpTo( U64 places ) {
+    try {
+        overtaken_.growTo( places + QueueSegment::pagePlaces_, tail_, head_ );
+    } catch ( const std::bad_alloc& ) {
+        throw MemoryResourceException( "no memory to note " + std::to_string( places ) +
+                                       " entries of the change queue of " + segments_.place() );
+    }
 }
 
 U64 QueueWriter::scarce() const noexcept { return capacity() / scarceShare + scarceLeast; }
@@ -112,9 +135,9 @@ void QueueWriter::pauseIs() noexcept {
 }
 
 // While room is short, each append frees a run.
-void QueueWriter::makeRoom() noexcept {
+void QueueWriter::makeRoom( U64 sequence ) noexcept {
     if ( room() < scarce() ) {
-        freeRun();
+        freeRun( sequence );
     }
     if ( head_ - round_ == segment_->places() ) {
         beginRound();
@@ -122,43 +145,49 @@ void QueueWriter::makeRoom() noexcept {
     pauseIs();
 }
 
-// The live entries of a run stand at the head, for all to see, before the tail goes past it. None
-// of its places is filled before that.
-void QueueWriter::freeRun() noexcept {
+// The live entries of a run stand at the head, for all to see, before the tail goes past it; and
+// the tail is past it before their slots name the new positions. None of its places is filled
+// before that.
+void QueueWriter::freeRun( U64 sequence ) noexcept {
     const bool before = tail_ < round_;
-    const U64* const first = entries_ + ( tail_ - ( before ? roundBefore_ : round_ ) );
+    const U32* const run = entries_ + ( tail_ - ( before ? roundBefore_ : round_ ) );
     const U64 inRound = ( before ? round_ : head_ ) - tail_;
     const auto count = unsigned( std::min( { U64( QueueSegment::run_ ), inRound, room() } ) );
-    QueueEntry live[ QueueSegment::run_ ];
-    unsigned found = 0;
-    for ( unsigned i = 0; i < count; ++i ) {
-        const QueueEntry entry( loadRelaxed( first + i ) );
-        if ( !entry.tombed() ) {
-            __builtin_prefetch( &newest_[ entry.slot() ], 1 );
-            live[ found++ ] = entry;
+    U32 moved[ QueueSegment::run_ ];
+    unsigned n = 0;
+    for ( U64 live = ~overtaken_.take( tail_, count ) & ( ( U64( 1 ) << count ) - 1 ); live != 0;
+          live &= live - 1 ) {
+        const U32 slot = loadRelaxed( run + std::countr_zero( live ) );
+        if ( slot < segments_.slotsMapped() ) {
+            moved[ n++ ] = slot;
         }
     }
-    for ( unsigned i = 0; i < found; ++i ) {
-        move( live[ i ] );
+    const U64 first = head_;
+    for ( unsigned i = 0; i < n; ++i ) {
+        __builtin_prefetch( segments_.slot( moved[ i ] ), 1 );
+        move( moved[ i ] );
     }
-    if ( found > 0 ) {
-        storeRelease( mark_, QueueMark( sequence_, head_ ).word() ); // SYNC( queue-mark )
+    if ( n > 0 ) {
+        storeRelease( mark_, QueueMark( sequence, head_ ).word() ); // SYNC( queue-mark )
         KRELL_CRASH_POINT( "queue: moved entries marked" );
-        compactions_ += found;
+        compactions_ += n;
     }
     tail_ += count;
     storeRelease( segment_->tailWord(), tail_ ); // SYNC( queue-tail )
     KRELL_CRASH_POINT( "queue: tail stored" );
+    for ( unsigned i = 0; i < n; ++i ) {
+        storeRelease( &segments_.slot( moved[ i ] )->queuePosition,
+                      first + i ); // SYNC( queue-position )
+        KRELL_CRASH_POINT( "queue: moved position stored" );
+    }
 }
 
-void QueueWriter::move( QueueEntry entry ) noexcept {
+void QueueWriter::move( U32 slot ) noexcept {
     if ( head_ - round_ == segment_->places() ) {
         beginRound();
     }
-    const U32 place = U32( head_ - round_ );
-    storeRelease( entries_ + place, entry.word() ); // SYNC( queue-entry )
+    storeRelease( entries_ + ( head_ - round_ ), slot ); // SYNC( queue-entry )
     KRELL_CRASH_POINT( "queue: entry moved" );
-    newest_[ entry.slot() ] = place;
     ++head_;
 }
 

@@ -15,16 +15,14 @@ namespace {
 bool ReaderTable::readLookaside( U32 index, SlotVersion seen, U64* value ) {
     using Dov::Atomics::loadAcquire;
     const LookasideHead& record = segments_->lookaside();
-    const Layout& layout = segments_->layout();
-    const U64 version = loadAcquire( &record.version );
-    const U32 slot = loadAcquire( &record.slot );
-    const SlotVersion newVersion( loadAcquire( &record.newVersion ) );
-    loadWords( value, payloadOf( &record ) + layout.keyWords(), layout.valueWords() );
-    const bool stable = version % 2 == 0 && loadAcquire( &record.version ) == version;
+    const SlotVersion version( loadAcquire( &record.version ) ); // SYNC( lookaside )
+    const U64 slot = loadAcquire( &record.slot );
+    loadWords( value, payloadOf( &record ), segments_->layout().valueWords() );
+    const bool stable = version.isWhole() && loadAcquire( &record.version ) == version.word();
     if ( versionOf( segments_->slot( index ) ) != seen ) {
         return false;
     }
-    if ( !stable || slot != index || newVersion.sequence() <= seen.sequence() ) {
+    if ( !stable || slot != index || version.sequence() <= seen.sequence() ) {
         corrupt( *segments_, "slot " + std::to_string( index ) +
                                  " is being written, but the lookaside record is not its own" );
     }

@@ -25,27 +25,27 @@ void Recovery::run() {
 
 void Recovery::settleLookaside() {
     LookasideHead& record = segments_.lookaside();
-    const U64 version = loadRelaxed( &record.version );
-    if ( version % 2 != 0 ) {
+    const SlotVersion version( loadRelaxed( &record.version ) );
+    if ( version.writing() ) {
         // Its slot was not marked yet, so no reader looks here.
         storeRelease( &record.slot, LookasideHead::noSlot_ );
         KRELL_CRASH_POINT( "recovery: lookaside dropped" );
-        storeRelease( &record.version, version + 1 );
+        storeRelease( &record.version,
+                      SlotVersion( version.sequence(), SlotVersion::dead ).word() );
         dropped_ = true;
         return;
     }
-    const U32 index = loadRelaxed( &record.slot );
-    if ( index == LookasideHead::noSlot_ ) {
+    const U64 slot = loadRelaxed( &record.slot );
+    if ( slot == LookasideHead::noSlot_ ) {
         return;
     }
-    const SlotVersion newVersion( loadRelaxed( &record.newVersion ) );
-    if ( index >= count_ || loadRelaxed( &record.operation ) != LookasideHead::update_ ||
-         newVersion.state() != SlotVersion::occupied || newVersion.writing() ) {
+    const U32 index = U32( slot );
+    if ( slot >= count_ || version.state() != SlotVersion::occupied ) {
         unusable( index, "is named by a lookaside record that no writer made" );
     }
     if ( SlotVersion( loadRelaxed( &segments_.slot( index )->version ) ).sequence() <
-         newVersion.sequence() ) {
-        redo( index, newVersion );
+         version.sequence() ) {
+        redo( index, version );
     }
 }
 
@@ -53,14 +53,13 @@ void Recovery::redo( U32 index, SlotVersion newVersion ) {
     const Layout& layout = segments_.layout();
     SlotHead* const slot = segments_.slot( index );
     const SlotVersion old( loadRelaxed( &slot->version ) );
-    const U64* const record = payloadOf( &segments_.lookaside() );
-    if ( !old.isOccupied() || !equalWords( payloadOf( slot ), record, layout.keyWords() ) ) {
+    if ( !old.isOccupied() ) {
         unusable( index, "is not the one that the lookaside record changes" );
     }
     storeRelease( &slot->version, old.whileWriting().word() );
     KRELL_CRASH_POINT( "recovery: slot marked" );
     U64* const value = payloadOf( slot ) + layout.keyWords();
-    const U64* const wanted = record + layout.keyWords();
+    const U64* const wanted = payloadOf( &segments_.lookaside() );
     for ( U32 i = 0; i < layout.valueWords(); ++i ) {
         storeRelease( value + i, loadRelaxed( wanted + i ) );
         KRELL_CRASH_POINT( "recovery: word written" );

@@ -24,7 +24,7 @@ static_assert( textAt + Layout::textLimit_ <= lookasideAt );
 
 U32 arraysAtOf( const Layout& layout ) {
     const U32 record =
-        U32( sizeof( LookasideHead ) ) + 8 * ( layout.keyWords() + layout.valueWords() );
+        U32( sizeof( LookasideHead ) ) + 8 * layout.valueWords();
     return lookasideAt + ( record + 63 ) / 64 * 64;
 }
 

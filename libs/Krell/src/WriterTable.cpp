@@ -45,7 +45,7 @@ WriterTable::WriterTable( Segments& segments )
       retiredLast_( segments.header().retiredLast ),
       retiredCount_( segments.header().retiredCount ),
       sequence_( *segments.sequenceWord() ),
-      lookasideVersion_( segments.lookaside().version ),
+      firstSequence_( sequence_ ),
       forks_( forkCount ) {}
 
 void WriterTable::insert( U32 hash, const U64* key, const U64* value ) {
