@@ -40,9 +40,8 @@ using Contents = std::map< U64, Value >;
 std::string textOf( const QelKrell::ReaderCounters& counters ) {
     std::ostringstream text;
     text << "notified " << counters.conquerNotified << ", tombed " << counters.conquerTombed
-         << ", restarts " << counters.conquerRestarts << ", probes "
-         << counters.conquerProbes << ", resizes " << counters.conquerResizes
-         << ", yields " << counters.conquerYields;
+         << ", restarts " << counters.conquerRestarts << ", probes " << counters.conquerProbes
+         << ", resizes " << counters.conquerResizes << ", yields " << counters.conquerYields;
     return text.str();
 }
 

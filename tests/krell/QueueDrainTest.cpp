@@ -279,8 +279,8 @@ TEST_F( QueueMemoryTest, MemoryThatIsNotThereToNoteEntriesLeavesTheWriterAsItWas
     const std::string before = bytesOf( writer->file() );
     {
         const SmallAllocations none( small );
-        const std::string text = messageOf< Krell::MemoryResourceException >(
-            [ & ] { writer->table.reserve( many ); } );
+        const std::string text =
+            messageOf< Krell::MemoryResourceException >( [ & ] { writer->table.reserve( many ); } );
         EXPECT_NE( text.find( "no memory to note " ), std::string::npos ) << text;
     }
     EXPECT_EQ( bytesOf( writer->file() ), before );

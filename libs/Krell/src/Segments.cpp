@@ -23,8 +23,7 @@ constexpr unsigned growthRounds = 64;        // looks at a file that grows while
 static_assert( textAt + Layout::textLimit_ <= lookasideAt );
 
 U32 arraysAtOf( const Layout& layout ) {
-    const U32 record =
-        U32( sizeof( LookasideHead ) ) + 8 * layout.valueWords();
+    const U32 record = U32( sizeof( LookasideHead ) ) + 8 * layout.valueWords();
     return lookasideAt + ( record + 63 ) / 64 * 64;
 }
 

@@ -205,10 +205,10 @@ TEST_P( QueueLookTest, AReaderThatLooksAtAnyPlaceIsToldEachChange ) {
             ASSERT_FALSE( HasFailure() );
         }
     }
-    for ( const char* name : { "queue: entry written", "queue: position stored",
-                               "queue: mark stored", "queue: entry moved",
-                               "queue: moved entries marked", "queue: tail stored",
-                               "queue: moved position stored" } ) {
+    for ( const char* name :
+          { "queue: entry written", "queue: position stored", "queue: mark stored",
+            "queue: entry moved", "queue: moved entries marked", "queue: tail stored",
+            "queue: moved position stored" } ) {
         // A round begins when all live entries were moved.
         EXPECT_TRUE( met.count( name ) || GetParam() ) << name;
     }
@@ -218,14 +218,13 @@ TEST_P( QueueLookTest, AReaderThatLooksAtAnyPlaceIsToldEachChange ) {
 
 // The readers are there before, and may look between the death and the next writer.
 TEST_P( QueueLookTest, AReaderOfAWriterThatDiedAtAnyPlaceLosesNothing ) {
-    for ( const std::size_t reports : { std::size_t( 0 ), std::size_t( 1 ), std::size_t( 5 ),
-                                        ~std::size_t( 0 ) } ) {
+    for ( const std::size_t reports :
+          { std::size_t( 0 ), std::size_t( 1 ), std::size_t( 5 ), ~std::size_t( 0 ) } ) {
         for ( unsigned n = 1;; ++n ) {
             prepare();
             std::unique_ptr< Left > left;
-            if ( !changeLookingAt( n, [ & ] {
-                     left = std::make_unique< Left >( *place, writer->file() );
-                 } ) ) {
+            if ( !changeLookingAt(
+                     n, [ & ] { left = std::make_unique< Left >( *place, writer->file() ); } ) ) {
                 break;
             }
             SCOPED_TRACE( placeMet + ", place " + std::to_string( n ) );
@@ -269,9 +268,9 @@ TEST_P( QueueLookTest, AReaderThatLooksDuringATakeoverLosesNothing ) {
             ASSERT_FALSE( HasFailure() );
         }
     }
-    for ( const char* name : { "queue: generation made", "queue: generation filled",
-                               "queue: generation named", "queue: generation published",
-                               "queue: former generation removed" } ) {
+    for ( const char* name :
+          { "queue: generation made", "queue: generation filled", "queue: generation named",
+            "queue: generation published", "queue: former generation removed" } ) {
         EXPECT_TRUE( met.count( name ) ) << name;
     }
 }
