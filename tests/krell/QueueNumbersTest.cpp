@@ -114,9 +114,10 @@ TEST_F( QueueNumbersTest, SequencesPassTheEndsOfTheirLowHalves ) {
             ASSERT_EQ( writer.table.sequence(), start - 700 );
         }
         Walk walk( writer, here, seed );
-        walk.steps( 12000, 7 );
+        do { // until a reader was lapped, too
+            walk.steps( 12000, 7 );
+        } while ( walk.restarts() <= 3 && !HasFatalFailure() );
         EXPECT_GT( writer.table.sequence(), start + 700 );
-        EXPECT_GT( walk.restarts(), 3U );
     }
 }
 
@@ -132,9 +133,10 @@ TEST_F( QueueNumbersTest, PositionsPassTheEndsOfTheirLowHalves ) {
         writer.passes( start - 1000 );
         writer.put( 0, 2 );
         Walk walk( writer, here, seed );
-        walk.steps( 12000, 7 );
+        do { // until a reader was lapped, too
+            walk.steps( 12000, 7 );
+        } while ( walk.restarts() <= 3 && !HasFatalFailure() );
         EXPECT_GT( writer.tail(), start );
-        EXPECT_GT( walk.restarts(), 3U );
     }
 }
 
