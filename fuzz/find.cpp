@@ -94,7 +94,7 @@ void search( const Root& root, const QelKrell::Mount& mount, const std::string& 
     Names wanted;
     std::error_code error;
     if ( !refused ) {
-        std::filesystem::directory_iterator( root.path() + top, error );
+        const std::filesystem::directory_iterator entries( root.path() + top, error );
         const bool absent = error == std::errc::no_such_file_or_directory;
         refused = ( error && !absent ) || ( !error && walk( root.path(), top, wanted ) );
     }
