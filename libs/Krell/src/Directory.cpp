@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <Krell/CrashPoint>
 #include <Krell/RootPath>
 
 namespace Krell {
@@ -302,7 +303,7 @@ std::optional< std::string > Directory::readSmall( const std::string& name,
     return bytes;
 }
 
-void Directory::writeWhole( const std::string& name, std::string_view bytes ) const {
+std::string Directory::writeTemporary( const std::string& name, std::string_view bytes ) const {
     checkName( name );
     std::string temporary;
     Fd file;
@@ -310,8 +311,19 @@ void Directory::writeWhole( const std::string& name, std::string_view bytes ) co
         temporary = temporaryName( name );
         file = createIfAbsent( temporary );
     } while ( !file );
+    KRELL_CRASH_POINT( "temporary: made" );
     try {
         writeAll( file, bytes, pathOf( temporary ) );
+    } catch ( ... ) {
+        ::unlinkat( fd(), temporary.c_str(), 0 );
+        throw;
+    }
+    return temporary;
+}
+
+void Directory::writeWhole( const std::string& name, std::string_view bytes ) const {
+    const std::string temporary = writeTemporary( name, bytes );
+    try {
         rename( temporary, name );
     } catch ( ... ) {
         ::unlinkat( fd(), temporary.c_str(), 0 );

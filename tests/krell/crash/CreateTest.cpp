@@ -103,6 +103,17 @@ TEST_F( CreateTest, WhatIsHalfMadeIsNotVisible ) {
     }
 }
 
+// A writer that died while it wrote the stamp left a file of a name that no writer removed.
+TEST_F( CreateTest, AHalfWrittenStampGoesWithTheNextWriter ) {
+    ASSERT_TRUE( killedAt(
+                     "temporary: made", [] {}, [ & ] { TestCollection( layout ).asWriter( 8 ); } )
+                     .died );
+    ASSERT_NE( files(), wholeSet );
+    TestCollection writer( layout );
+    writer.asWriter();
+    EXPECT_EQ( files(), wholeSet );
+}
+
 TEST_F( CreateTest, ANewIncarnationReplacesTheOldOneAtOnce ) {
     unsigned kills = 0;
     for ( unsigned n = 1;; n += stride ) {
