@@ -15,6 +15,7 @@
 
 #include <Dov/Atomics>
 
+#include "Torture.h"
 #include "krell/DoorbellSupport.h"
 #include "krell/EngineSupport.h"
 
@@ -161,17 +162,6 @@ void runApart( int which ) {
     }
 }
 
-bool canRace() {
-    cpu_set_t allowed;
-    CPU_ZERO( &allowed );
-    return ::sched_getaffinity( 0, sizeof allowed, &allowed ) == 0 && CPU_COUNT( &allowed ) > 1;
-}
-
-U64 wakesWanted( U64 usual ) {
-    const char* const set = std::getenv( "KRELL_WAKES" );
-    return set ? std::strtoull( set, nullptr, 10 ) : usual;
-}
-
 class DoorbellWakeTest : public testing::Test {
 protected:
     DoorbellWakeTest()
@@ -202,13 +192,20 @@ protected:
         }
         return pid;
     }
-    void report() const {
-        RecordProperty( "sleeps", std::to_string( shared_->sleeps ) );
-        RecordProperty( "changes", std::to_string( shared_->last ) );
-        RecordProperty( "kicks", std::to_string( shared_->kicks ) );
-        RecordProperty( "armsInVain", std::to_string( shared_->idleRuns ) );
+    // Rounds of so many sleeps, each with a writer and a reader of its own.
+    void repeat( U64 sleeps, const std::function< void( U64 sleeps ) >& round ) {
+        while ( torture_.goesOn() && !HasFailure() ) {
+            *shared_ = Shared();
+            round( sleeps );
+            torture_.count( "sleeps", shared_->sleeps );
+            torture_.count( "changes", shared_->last );
+            torture_.count( "kicks", shared_->kicks );
+            torture_.count( "armsInVain", shared_->idleRuns );
+            torture_.count( "lost", shared_->seen != shared_->last );
+        }
     }
 
+    QelKrellTest::Torture torture_ { "wake-up", 1 };
     TestRoot root_;
     RecordingDebugHandler debug_;
     std::shared_ptr< const Directory > directory_ =
@@ -228,72 +225,72 @@ class DoorbellWakeOfProcessesTest : public DoorbellWakeTest,
                                     public testing::WithParamInterface< int > {};
 
 TEST_P( DoorbellWakeOfProcessesTest, AReaderIsCurrentAfterTheLastChange ) {
-    const U64 wakes = wakesWanted( 10000 );
     if ( GetParam() != 0 &&
          inChild( [] { return refuseMembarrier( GetParam(), EPERM ) ? 0 : 1; } ) != 0 ) {
         GTEST_SKIP() << "this system refuses nothing on demand";
     }
-    const auto refuse = []( int command ) {
-        return GetParam() != command || refuseMembarrier( command, EPERM );
-    };
-    int ready[ 2 ];
-    int done[ 2 ];
-    ASSERT_EQ( ::pipe2( ready, O_CLOEXEC ), 0 );
-    ASSERT_EQ( ::pipe2( done, O_CLOEXEC ), 0 );
-    const Fd readyIn( ready[ 0 ] );
-    const Fd readyOut( ready[ 1 ] );
-    const Fd doneIn( done[ 0 ] );
-    const Fd doneOut( done[ 1 ] );
+    repeat( 10000, [ & ]( U64 wakes ) {
+        const auto refuse = []( int command ) {
+            return GetParam() != command || refuseMembarrier( command, EPERM );
+        };
+        int ready[ 2 ];
+        int done[ 2 ];
+        ASSERT_EQ( ::pipe2( ready, O_CLOEXEC ), 0 );
+        ASSERT_EQ( ::pipe2( done, O_CLOEXEC ), 0 );
+        const Fd readyIn( ready[ 0 ] );
+        const Fd readyOut( ready[ 1 ] );
+        const Fd doneIn( done[ 0 ] );
+        const Fd doneOut( done[ 1 ] );
 
-    const pid_t writer = process( [ & ] {
-        runApart( 0 );
-        Doorbell bell( debug_ );
-        if ( !refuse( commandOfWriters ) ) {
-            return false;
+        const pid_t writer = process( [ & ] {
+            runApart( 0 );
+            Doorbell bell( debug_ );
+            if ( !refuse( commandOfWriters ) ) {
+                return false;
+            }
+            bell.open( directory_ );
+            if ( ::write( readyOut.get(), "k", 1 ) != 1 ||
+                 !turnUntil( [ & ] { return bell.connections() == 1; } ) ) {
+                return false;
+            }
+            const bool agreed = GetParam() == 0 || bell.fences() == 1;
+            return agreed && publishUntil( wakes, bell, *shared_ );
+        } );
+        ASSERT_TRUE( hears( readyIn ) );
+        const pid_t reader = process( [ & ] {
+            runApart( 1 );
+            LateFollower handler;
+            DoorbellCaller caller( debug_, handler );
+            Follower follower( caller, *shared_ );
+            handler.follower = &follower;
+            if ( !refuse( commandOfReaders ) || !caller.call( *directory_ ) ) {
+                return false;
+            }
+            while ( !follower.isDone() && !follower.isLost() ) {
+                turn( -1 ); // no time limit: nothing else wakes it
+            }
+            shared_->kicks = caller.kicks();
+            return follower.isDone() && ::write( doneOut.get(), "k", 1 ) == 1;
+        } );
+        EXPECT_TRUE( hears( doneIn ) )
+            << "the reader sleeps at " << shared_->seen << " of " << shared_->head;
+        if ( HasFailure() ) {
+            ::kill( reader, SIGKILL );
+            ::kill( writer, SIGKILL );
         }
-        bell.open( directory_ );
-        if ( ::write( readyOut.get(), "k", 1 ) != 1 ||
-             !turnUntil( [ & ] { return bell.connections() == 1; } ) ) {
-            return false;
-        }
-        const bool agreed = GetParam() == 0 || bell.fences() == 1;
-        return agreed && publishUntil( wakes, bell, *shared_ );
-    } );
-    ASSERT_TRUE( hears( readyIn ) );
-    const pid_t reader = process( [ & ] {
-        runApart( 1 );
-        LateFollower handler;
-        DoorbellCaller caller( debug_, handler );
-        Follower follower( caller, *shared_ );
-        handler.follower = &follower;
-        if ( !refuse( commandOfReaders ) || !caller.call( *directory_ ) ) {
-            return false;
-        }
-        while ( !follower.isDone() && !follower.isLost() ) {
-            turn( -1 ); // no time limit: nothing else wakes it
-        }
-        shared_->kicks = caller.kicks();
-        return follower.isDone() && ::write( doneOut.get(), "k", 1 ) == 1;
-    } );
-    EXPECT_TRUE( hears( doneIn ) )
-        << "the reader sleeps at " << shared_->seen << " of " << shared_->head;
-    if ( HasFailure() ) {
-        ::kill( reader, SIGKILL );
-        ::kill( writer, SIGKILL );
-    }
-    int status = 0;
-    EXPECT_EQ( ::waitpid( reader, &status, 0 ), reader );
-    EXPECT_EQ( status, 0 );
-    EXPECT_EQ( ::waitpid( writer, &status, 0 ), writer );
-    EXPECT_EQ( status, 0 );
+        int status = 0;
+        EXPECT_EQ( ::waitpid( reader, &status, 0 ), reader );
+        EXPECT_EQ( status, 0 );
+        EXPECT_EQ( ::waitpid( writer, &status, 0 ), writer );
+        EXPECT_EQ( status, 0 );
 
-    EXPECT_EQ( shared_->seen, shared_->last );
-    EXPECT_GE( shared_->sleeps, wakes );
-    EXPECT_GT( shared_->kicks, 0U );
-    EXPECT_TRUE( shared_->idleRuns > 0 || !canRace() );
-    EXPECT_LE( shared_->kicks, shared_->kicksIssued );
-    EXPECT_LE( shared_->kicksIssued, shared_->sleeps + shared_->idleRuns );
-    report();
+        EXPECT_EQ( shared_->seen, shared_->last );
+        EXPECT_GE( shared_->sleeps, wakes );
+        EXPECT_GT( shared_->kicks, 0U );
+        EXPECT_TRUE( shared_->idleRuns > 0 || !canRace() );
+        EXPECT_LE( shared_->kicks, shared_->kicksIssued );
+        EXPECT_LE( shared_->kicksIssued, shared_->sleeps + shared_->idleRuns );
+    } );
 }
 
 INSTANTIATE_TEST_SUITE_P( Refused,
@@ -302,37 +299,38 @@ INSTANTIATE_TEST_SUITE_P( Refused,
 
 // The same between threads, for a sanitizer of races.
 TEST_F( DoorbellWakeTest, AReaderThreadIsCurrentAfterTheLastChange ) {
-    const U64 wakes = wakesWanted( 5000 );
-    Doorbell bell( debug_ );
-    bell.open( directory_ );
-    LateFollower handler;
-    DoorbellCaller caller( debug_, handler );
-    Follower follower( caller, *shared_ );
-    handler.follower = &follower;
-    ASSERT_TRUE( caller.call( *directory_ ) );
-    ASSERT_TRUE( turnUntil( [ & ] { return caller.state() == State::connected; } ) );
-    const auto control = std::find_if( fds().begin(), fds().end(), [ & ]( const TestFd* one ) {
-        return one->handler == &caller;
+    repeat( 5000, [ & ]( U64 wakes ) {
+        Doorbell bell( debug_ );
+        bell.open( directory_ );
+        LateFollower handler;
+        DoorbellCaller caller( debug_, handler );
+        Follower follower( caller, *shared_ );
+        handler.follower = &follower;
+        ASSERT_TRUE( caller.call( *directory_ ) );
+        ASSERT_TRUE( turnUntil( [ & ] { return caller.state() == State::connected; } ) );
+        const auto control = std::find_if( fds().begin(), fds().end(), [ & ]( const TestFd* one ) {
+            return one->handler == &caller;
+        } );
+        ASSERT_NE( control, fds().end() );
+        const int connection = ( *control )->watched;
+        std::thread writer( [ & ] {
+            runApart( 1 );
+            publishUntil( wakes, bell, *shared_ );
+        } );
+        pollfd polled { connection, POLLIN, 0 };
+        bool stuck = false;
+        while ( !follower.isDone() && !stuck ) {
+            stuck = ::poll( &polled, 1, stuckMs ) != 1;
+            caller.fdEvent( connection );
+        }
+        Atomics::storeRelease( &shared_->givenUp, U64( stuck ) );
+        writer.join();
+        EXPECT_FALSE( stuck ) << "the reader sleeps at " << shared_->seen << " of "
+                              << shared_->head;
+        EXPECT_EQ( shared_->seen, shared_->last );
+        EXPECT_GT( caller.kicks(), 0U );
+        shared_->kicks = caller.kicks();
     } );
-    ASSERT_NE( control, fds().end() );
-    const int connection = ( *control )->watched;
-    std::thread writer( [ & ] {
-        runApart( 1 );
-        publishUntil( wakes, bell, *shared_ );
-    } );
-    pollfd polled { connection, POLLIN, 0 };
-    bool stuck = false;
-    while ( !follower.isDone() && !stuck ) {
-        stuck = ::poll( &polled, 1, stuckMs ) != 1;
-        caller.fdEvent( connection );
-    }
-    Atomics::storeRelease( &shared_->givenUp, U64( stuck ) );
-    writer.join();
-    EXPECT_FALSE( stuck ) << "the reader sleeps at " << shared_->seen << " of " << shared_->head;
-    EXPECT_EQ( shared_->seen, shared_->last );
-    EXPECT_GT( caller.kicks(), 0U );
-    shared_->kicks = caller.kicks();
-    report();
 }
 
 } // namespace

@@ -45,6 +45,12 @@ void TestCollection::handleChanged( const U64* key, bool present ) {
 // The second word makes one factor of the hash's product zero.
 std::array< U64, 2 > collidingKey( U64 number ) { return { number, 0xe7037ed1a0b428dbu }; }
 
+bool canRace() {
+    cpu_set_t allowed;
+    CPU_ZERO( &allowed );
+    return ::sched_getaffinity( 0, sizeof allowed, &allowed ) == 0 && CPU_COUNT( &allowed ) > 1;
+}
+
 U64 seedOfRun() {
     if ( const char* given = std::getenv( "KRELL_SEED" ) ) {
         return std::strtoull( given, nullptr, 0 );

@@ -69,6 +69,9 @@ bool isWhole( const std::array< U64, V >& value ) {
 // Different keys of two words, all of one hash.
 std::array< U64, 2 > collidingKey( U64 number );
 
+// Whether two threads may run at the same time.
+bool canRace();
+
 // Of a random test: printed with failures, and taken from KRELL_SEED if that is set.
 U64 seedOfRun();
 

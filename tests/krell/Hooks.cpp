@@ -146,11 +146,18 @@ TestRoot::TestRoot() {
         throw std::runtime_error( "no directory for the test under /dev/shm" );
     }
     path_ = name;
+    if ( const char* const former = ::getenv( "KRELL_ROOT" ) ) {
+        former_ = former;
+    }
     ::setenv( "KRELL_ROOT", name, 1 );
 }
 
 TestRoot::~TestRoot() {
-    ::unsetenv( "KRELL_ROOT" );
+    if ( former_.empty() ) {
+        ::unsetenv( "KRELL_ROOT" );
+    } else {
+        ::setenv( "KRELL_ROOT", former_.c_str(), 1 );
+    }
     std::error_code ignored;
     std::filesystem::remove_all( path_, ignored );
 }

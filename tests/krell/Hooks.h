@@ -114,6 +114,7 @@ public:
 
 private:
     std::string path_;
+    std::string former_; // that stands again afterwards
 };
 
 // The bytes of a file, and a file of those bytes.

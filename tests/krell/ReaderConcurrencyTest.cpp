@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Torture.h"
 #include "krell/EngineSupport.h"
 
 using namespace KrellTest;
@@ -200,19 +201,22 @@ TEST( ReaderConcurrencyTest, LargeValuesAreReadWhole ) {
 
 TEST( ReaderConcurrencyTest, APresentKeyIsNeverMissedWhileTablesGrow ) {
     constexpr U64 pinned = 16;
-    constexpr unsigned rounds = 3;
+    QelKrellTest::Torture torture( "growth-while-reading", 3 );
     U64 lookups = 0;
     U32 remaps = 0;
     U64 restarts = 0;
-    for ( unsigned round = 0; round < rounds; ++round ) {
+    while ( torture.goesOn() && !HasFailure() ) {
         TestRoot root;
         const Krell::Layout layout = layoutOf( 2, words );
-        // Inserts without end, a third of which are deleted again; from two slots on.
+        // Inserts, some of which are deleted again; from few slots on.
+        std::mt19937_64 random( torture.seed() + torture.rounds() );
+        const U64 gone = 2 + random() % 4;
+        const U32 size = 2 + U32( random() % 50 );
         FlatOutWriter writer(
-            []( TestCollection& w, U64 n ) {
-                if ( n < 60000 ) {
+            [ gone ]( TestCollection& w, U64 n ) {
+                if ( n < 80000 ) {
                     write( w.writer(), 1000 + n, n );
-                    if ( n % 3 == 0 ) {
+                    if ( n % gone == 0 ) {
                         w.writer().del< 2 >( keyOf( 1000 + n / 2 ).data() );
                     }
                 }
@@ -223,7 +227,7 @@ TEST( ReaderConcurrencyTest, APresentKeyIsNeverMissedWhileTablesGrow ) {
                     write( w.writer(), n, n );
                 }
             },
-            layout, 2 );
+            layout, size );
         TestCollection reader( layout );
         reader.asReader();
         Counts counts;
@@ -241,6 +245,10 @@ TEST( ReaderConcurrencyTest, APresentKeyIsNeverMissedWhileTablesGrow ) {
         lookups += n;
         remaps += reader.table().slotResizes();
         restarts += reader.table().chainRestarts();
+        torture.count( "lookups", n );
+        torture.count( "remaps", reader.table().slotResizes() );
+        torture.count( "torn", counts.torn );
+        torture.count( "missed", counts.missed + ( pinned - seen ) );
     }
     EXPECT_GT( lookups, 0U );
     EXPECT_GT( remaps, 0U );

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Torture.h"
 #include "krell/EngineSupport.h"
 
 using namespace KrellTest;
@@ -302,11 +303,11 @@ TEST_F( TakeoverTest, RandomKillsLoseNothing ) {
                                MAP_SHARED | MAP_ANONYMOUS, -1, 0 );
     ASSERT_NE( page, MAP_FAILED );
     Account& account = *static_cast< Account* >( page );
-    const U64 seed = seedOfRun();
-    SCOPED_TRACE( "KRELL_SEED=" + std::to_string( seed ) );
-    std::mt19937_64 random( seed );
+    QelKrellTest::Torture torture( "random-kills", 40 );
+    SCOPED_TRACE( "KRELL_SEED=" + std::to_string( torture.seed() ) );
+    std::mt19937_64 random( torture.seed() );
     U64 changes = 0;
-    for ( unsigned round = 0; round < 40; ++round ) {
+    while ( torture.goesOn() ) {
         int ready[ 2 ];
         ASSERT_EQ( ::pipe( ready ), 0 );
         const pid_t pid = ::fork();
@@ -332,6 +333,7 @@ TEST_F( TakeoverTest, RandomKillsLoseNothing ) {
         int status = 0;
         ASSERT_EQ( ::waitpid( pid, &status, 0 ), pid );
         ASSERT_TRUE( WIFSIGNALED( status ) );
+        torture.count( "kills" );
 
         TestCollection next( layout );
         next.asWriter();
@@ -342,9 +344,10 @@ TEST_F( TakeoverTest, RandomKillsLoseNothing ) {
                            ? !kept.contains( key )
                            : kept.contains( key ) && kept[ key ] == change;
             };
-            ASSERT_TRUE( holds( account.done[ key ] ) || holds( account.begun[ key ] ) )
-                << "key " << key << " done " << account.done[ key ] << " begun "
-                << account.begun[ key ];
+            const bool either = holds( account.done[ key ] ) || holds( account.begun[ key ] );
+            torture.count( "lost", !either );
+            ASSERT_TRUE( either ) << "key " << key << " done " << account.done[ key ] << " begun "
+                                  << account.begun[ key ];
             // The account goes on with what is there.
             if ( !holds( account.done[ key ] ) ) {
                 account.done[ key ] = account.begun[ key ];

@@ -138,6 +138,11 @@ def check_model(path):
         if not run.is_good():
             print(f"{path}: {' '.join(run.definitions)} must {run.must}: "
                   f"{run.verdict}: {run.reason or 'no error was found'}")
+    # For ./dev torture.
+    held = [run for run in runs if run.must == "hold"]
+    print(f"torture {model} runs={len(held)} mutants={len(runs) - len(held)} "
+          f"states={sum(int(run.states) for run in held)} "
+          f"wrong={sum(not run.is_good() for run in runs)}")
     return not complaints and all(run.is_good() for run in runs)
 
 

@@ -2,10 +2,13 @@
 
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <memory>
 
 #include <gtest/gtest.h>
 
+#include "Torture.h"
 #include "krell/EngineSupport.h"
 
 namespace KrellTest {
@@ -59,12 +62,19 @@ const std::vector< Change >& allChanges();
 
 class KillTest : public testing::TestWithParam< Change > {
 protected:
-    KillTest() {
+    // `row`: of the figures.
+    explicit KillTest( const char* row = "stopped-writer" ) : torture( row, 1 ) {
         Both model( nullptr );
         change.prepare( model );
         before = model.model;
         change.change( model );
         after = model.model;
+    }
+
+    void repeat( const std::function< void() >& round ) {
+        while ( torture.goesOn() && !HasFailure() ) {
+            round();
+        }
     }
 
     // In a child: the state before, made by a writer that stays open.
@@ -85,13 +95,26 @@ protected:
         for ( const Contents* contents : { &before, &after } ) {
             for ( const auto& entry : *contents ) {
                 Value value {};
-                if ( reader.table().find< 2, valueWords >( entry.first.data(), value.data() ) ) {
-                    EXPECT_TRUE( isWhole( value ) );
+                const auto begin = std::chrono::steady_clock::now();
+                const bool found =
+                    reader.table().find< 2, valueWords >( entry.first.data(), value.data() );
+                torture.most( "longestReadNs",
+                              U64( ( std::chrono::steady_clock::now() - begin ).count() ) );
+                if ( found ) {
+                    const bool whole = isWhole( value );
+                    torture.count( "torn", !whole );
+                    EXPECT_TRUE( whole );
                     seen[ entry.first ] = value;
                 }
             }
         }
         return seen;
+    }
+    // Whether it is the state before the change or the one after it.
+    bool isOneOfBoth( const Contents& contents ) {
+        const bool either = contents == before || contents == after;
+        torture.count( "lost", !either );
+        return either;
     }
     static Contents listedBy( TestCollection& collection ) {
         Contents listed;
@@ -123,7 +146,8 @@ protected:
         TestCollection next( layout );
         next.asWriter();
         const Contents kept = listedBy( next );
-        ASSERT_TRUE( kept == before || kept == after );
+        ASSERT_TRUE( isOneOfBoth( kept ) );
+        torture.count( "resurrected", seen == after && kept != after );
         if ( seen == after ) {
             ASSERT_EQ( kept, after ) << "a change that a reader saw was undone";
         }
@@ -154,6 +178,7 @@ protected:
         ASSERT_TRUE( next.validate() );
     }
 
+    QelKrellTest::Torture torture;
     const Change change = GetParam();
     const Krell::Layout layout = layoutOf( 2, valueWords );
     Contents before;
