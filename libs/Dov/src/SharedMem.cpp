@@ -92,6 +92,9 @@ void* SharedMem::attach( std::size_t size, Mode mode ) {
         return nullptr;
     }
     mode_ = mode;
+    if ( faults_->damaged() ) { // by a mapping that is gone
+        faults_ = std::make_shared< FaultGroup >();
+    }
     if ( mode == create ? !openNew( size ) : !openExisting( size ) ) {
         closeFile();
         return nullptr;
@@ -110,6 +113,7 @@ void* SharedMem::attach( std::size_t size, Mode mode ) {
 void SharedMem::detach() noexcept {
     const KeepErrno keeper;
     if ( address_ ) {
+        range_.none();
         ::munmap( address_, mapped_ );
         address_ = nullptr;
         size_ = mapped_ = 0;
@@ -139,6 +143,15 @@ bool SharedMem::remap() {
         reopen( "remap", O_RDONLY ) && sizeOfFile( size ) && ( size <= size_ || extend( size ) );
     closeFile();
     return done;
+}
+
+bool SharedMem::isWhole() {
+    if ( !address_ ) {
+        return failed( "isWhole", EINVAL, "is not attached" );
+    }
+    const bool whole = reopen( "open", O_RDONLY );
+    closeFile();
+    return whole;
 }
 
 std::size_t SharedMem::memSize() const noexcept {
@@ -229,10 +242,13 @@ bool SharedMem::openExisting( std::size_t& size ) {
     return true;
 }
 
-// The file that is mapped, under its name.
+// The file that is mapped, under its name, and whole.
 bool SharedMem::reopen( const char* call, int flags ) {
+    if ( faults_->damaged() ) {
+        return failed( call, ENODATA, "was shortened while it was mapped" );
+    }
     fd_ = openAt( "open", flags );
-    return fd_ >= 0 && ( isOurs( fd_ ) || failed( call, ESTALE, "now names another file" ) );
+    return fd_ >= 0 && isOurs( call );
 }
 
 // Whether bytes up to `to` are mapped, for writing.
@@ -255,6 +271,9 @@ bool SharedMem::sizeOfFile( std::size_t& size ) {
     if ( !S_ISREG( status.st_mode ) ) {
         return failed( "open", EINVAL, "not a regular file" );
     }
+    if ( mode_ == readWrite && status.st_nlink > 1 ) {
+        return failed( "open", EMLINK, "the file has another name too" );
+    }
     if ( std::uintmax_t( status.st_size ) > std::uintmax_t( PTRDIFF_MAX ) ) {
         return failed( "open", EFBIG, "the file is larger than the address space" );
     }
@@ -266,9 +285,23 @@ bool SharedMem::sizeOfFile( std::size_t& size ) {
     return true;
 }
 
-bool SharedMem::isOurs( int fd ) noexcept {
+bool SharedMem::isOurs( const char* call ) {
     struct stat status;
-    return ::fstat( fd, &status ) == 0 && status.st_dev == device_ && status.st_ino == inode_;
+    if ( ::fstat( fd_, &status ) != 0 ) {
+        return failed( "fstat", errno );
+    }
+    if ( status.st_dev != device_ || status.st_ino != inode_ ) {
+        return failed( call, ESTALE, "now names another file" );
+    }
+    if ( std::uintmax_t( status.st_size ) >= size_ ) {
+        return true;
+    }
+    if ( FaultGuard::installed() ) {
+        FaultGuard::cover( *faults_ ); // before anything of it is touched
+    }
+    return failed( call, ENODATA,
+                   "the file holds " + std::to_string( status.st_size ) +
+                       " bytes, fewer than the " + std::to_string( size_ ) + " that are mapped" );
 }
 
 bool SharedMem::allocateFile( std::size_t from, std::size_t to ) {
@@ -292,6 +325,10 @@ bool SharedMem::map( std::size_t size ) {
         ::munmap( at, length );
         return false;
     }
+    if ( !range_.is( at, length, protection( mode_ ), *faults_ ) ) {
+        ::munmap( at, length );
+        return failed( "mmap", ENOMEM );
+    }
     address_ = at;
     mapped_ = length;
     sizeIs( size );
@@ -302,14 +339,18 @@ bool SharedMem::map( std::size_t size ) {
 bool SharedMem::extend( std::size_t newSize ) {
     if ( newSize > mapped_ ) {
         std::size_t length = withRoom( newSize, lockPages_ );
+        range_.is( nullptr, 0, 0, *faults_ );
         void* at = extended( fd_, address_, mapped_, length, protection( mode_ ) );
         if ( at == MAP_FAILED && length > newSize ) {
             length = newSize;
             at = extended( fd_, address_, mapped_, length, protection( mode_ ) );
         }
         if ( at == MAP_FAILED ) {
-            return failed( "mremap", errno );
+            const int error = errno;
+            range_.is( address_, mapped_, protection( mode_ ), *faults_ );
+            return failed( "mremap", error );
         }
+        range_.is( at, length, protection( mode_ ), *faults_ );
         address_ = at;
         mapped_ = length;
         size_ = 0;

@@ -103,6 +103,7 @@ void Control::openForWriting( U32 size ) {
     if ( size > writer_->slotCount() ) {
         writer_->reserve( size );
     }
+    incarnation_.segments()->checkSound();
     lock_.writeOwner();
     doorbell_ = std::make_unique< Doorbell >( debug_ );
     doorbell_->open( directory_ );
@@ -221,9 +222,15 @@ bool Control::validate() {
     }
     Segments& segments = *incarnation_.segments();
     std::string why;
-    if ( segments.headersAreValid( incarnation_.fenix(), why ) &&
-         structureIsValid( segments, why ) ) {
-        return true;
+    try {
+        segments.checkSizes();
+        if ( segments.headersAreValid( incarnation_.fenix(), why ) &&
+             structureIsValid( segments, why ) ) {
+            segments.checkSound();
+            return true;
+        }
+    } catch ( const CorruptionDetectedException& e ) {
+        why = e.msg();
     }
     trace( debug_, 0, "Control::validate() ", why );
     if ( directory_ ) {
@@ -272,7 +279,8 @@ QelKrell::ReaderCounters Control::readerCounters() {
     const Follower::Counts counts = follower_->counts();
     const ShadowTable* const copy = follower_->shadow();
     QelKrell::ReaderCounters counters;
-    counters.occupiedSlots = table_.occupied();
+    const bool sound = incarnation_.exists() && !incarnation_.segments()->damaged();
+    counters.occupiedSlots = sound ? table_.occupied() : 0;
     counters.usedLookaside = table_.usedLookaside();
     counters.slotShadowResizes = copy ? copy->resizes() : 0;
     counters.slotResizes = table_.slotResizes() + replacements_;

@@ -126,12 +126,16 @@ bool Control::isReplaced() {
     if ( incarnation_.superseded() ) {
         return true;
     }
-    if ( !nobodyListens_ && ++quietRounds_ < stampRounds ) {
+    if ( !nobodyListens_ && !incarnation_.segments()->damaged() && ++quietRounds_ < stampRounds ) {
         return false;
     }
     quietRounds_ = 0;
     const Directory directory = Directory::open( path_ );
-    return !directory.isOpen() || Incarnation::presentFenix( directory ) != incarnation_.fenix();
+    if ( !directory.isOpen() || Incarnation::presentFenix( directory ) != incarnation_.fenix() ) {
+        return true;
+    }
+    incarnation_.segments()->checkSizes();
+    return false;
 }
 
 void Control::replace() {

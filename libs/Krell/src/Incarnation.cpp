@@ -198,6 +198,7 @@ bool Incarnation::takeOver( Platform::DebugHandler& handler,
             return false;
         }
         Recovery( *segments ).run();
+        segments->checkSound();
     } catch ( const CorruptionDetectedException& e ) {
         return useless( e.msg() );
     }
@@ -217,13 +218,13 @@ void Incarnation::make( Platform::DebugHandler& handler,
     slots = slots ? slots : defaultSlots_;
     const std::string slotsName = Directory::temporaryName( "slots" );
     const std::string bucketsName = Directory::temporaryName( "buckets" );
-    const std::string fenixName = Directory::temporaryName( fenixFile_ );
     segments_ = std::make_unique< Segments >( handler, directory, layout, slotsName, bucketsName );
     try {
         KRELL_CRASH_POINT( "create: begun" );
         segments_->create( fenix_, slots, BucketArray::log2For( slots ) );
         KRELL_CRASH_POINT( "create: segments made" );
-        directory->writeWhole( fenixName, littleEndian( fenix_ ) );
+        const std::string fenixName =
+            directory->writeTemporary( fenixFile_, littleEndian( fenix_ ) );
         KRELL_CRASH_POINT( "create: stamp written" );
         directory->rename( slotsName, "slots" );
         KRELL_CRASH_POINT( "create: slots renamed" );

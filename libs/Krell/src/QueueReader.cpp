@@ -21,7 +21,12 @@ bool QueueReader::attached() {
     if ( segment_ && !replaced() ) {
         return true;
     }
-    auto next = QueueSegment::attach( segments_ );
+    std::unique_ptr< QueueSegment > next;
+    try {
+        next = QueueSegment::attach( segments_ );
+    } catch ( const std::bad_alloc& ) {
+        noMemory( "to map the change queue of " );
+    }
     if ( !next ) {
         return false;
     }
@@ -225,6 +230,9 @@ bool QueueReader::search() {
     if ( !loadMark( end_, endSequence_ ) ) {
         return false;
     }
+    if ( endSequence_ < sequence_ ) {
+        sequence_ = 0; // it came from a wild word: all is told again
+    }
     position_ = endOfKnown();
     if ( position_ == 0 ) {
         findNews();
@@ -249,6 +257,7 @@ void QueueReader::findNews() {
         found_ = {};
         noMemory( "to put the changes in order of " );
     }
+    segments_.checkSound();
     counts_.probes += slots;
     std::sort( found_.begin(), found_.end(), []( const Found& a, const Found& b ) {
         return a.sequence != b.sequence ? a.sequence < b.sequence : a.slot < b.slot;
@@ -262,7 +271,7 @@ void QueueReader::disturbed( U32& patience ) const {
 }
 
 void QueueReader::noMemory( const char* what ) const {
-    throw MemoryResourceException( std::string( "no memory " ) + what + segments_.place() );
+    throwNoMemory( [ & ] { return what + segments_.place(); } );
 }
 
 void QueueReader::wild( const char* what, U64 number ) const {

@@ -50,6 +50,7 @@ QueueSegment::QueueSegment( const Segments& segments, const std::string& name )
             name.c_str(),
             false ) {
     mem_.directoryFdIs( directory_->fd() );
+    mem_.faultGroupIs( segments.faultGroup() );
 }
 
 std::unique_ptr< QueueSegment > QueueSegment::create( const Segments& segments,
@@ -111,6 +112,7 @@ bool QueueSegment::remap() {
 // successor's number as long as there is one. A file with another stamp is another incarnation's.
 std::unique_ptr< QueueSegment > QueueSegment::attach( const Segments& segments ) {
     for ( unsigned round = 0; round < attachRounds; ++round ) {
+        segments.checkSound();
         const U32 generation = segments.queueGeneration();
         if ( generation == 0 || segments.local() ) {
             return nullptr;
@@ -182,6 +184,11 @@ void QueueSegment::checkSize( U64 size ) const {
     }
 }
 
-void QueueSegment::fail() const { throwSystemFailure( mem_.errorText(), mem_.errorNumber() ); }
+void QueueSegment::fail() const {
+    if ( mem_.errorNumber() == ENODATA && mem_.attached() ) {
+        throw CorruptionDetectedException( mem_.errorText() );
+    }
+    throwSystemFailure( mem_.errorText(), mem_.errorNumber() );
+}
 
 } // namespace Krell

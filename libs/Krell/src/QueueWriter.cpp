@@ -51,8 +51,8 @@ std::vector< QueueWriter::Change > QueueWriter::changesInOrder() const {
             }
         }
     } catch ( const std::bad_alloc& ) {
-        throw MemoryResourceException( "no memory to put the changes of " + segments_.place() +
-                                       " in order" );
+        throwNoMemory(
+            [ & ] { return "to put the changes of " + segments_.place() + " in order"; } );
     }
     std::sort( changes.begin(), changes.end(), []( const Change& a, const Change& b ) {
         return a.sequence != b.sequence ? a.sequence < b.sequence : a.slot < b.slot;
@@ -122,8 +122,10 @@ void QueueWriter::noteUpTo( U64 places ) {
     try {
         overtaken_.growTo( places + QueueSegment::pagePlaces_, tail_, head_ );
     } catch ( const std::bad_alloc& ) {
-        throw MemoryResourceException( "no memory to note " + std::to_string( places ) +
-                                       " entries of the change queue of " + segments_.place() );
+        throwNoMemory( [ & ] {
+            return "to note " + std::to_string( places ) + " entries of the change queue of " +
+                   segments_.place();
+        } );
     }
 }
 

@@ -84,6 +84,7 @@ bool ReaderTable::copySlot( U32 index, U64* key, U64* value, U64& version ) {
         const SlotHead* const slot = segments_->slot( index );
         const SlotVersion seen = versionOf( slot );
         if ( !seen.isOccupied() ) {
+            segments_->checkSound();
             return false;
         }
         loadWords( key, payloadOf( slot ), layout.keyWords() );
@@ -113,6 +114,7 @@ SlotVersion ReaderTable::look( U32 index, U64* key ) {
             corrupt( *segments_, "slot " + std::to_string( index ) + " has no valid state" );
         }
         if ( seen.state() == SlotVersion::free || ( seen.writing() && !seen.isOccupied() ) ) {
+            segments_->checkSound();
             return seen;
         }
         loadWords( key, payloadOf( slot ), segments_->layout().keyWords() );
@@ -137,8 +139,13 @@ U32 ReaderTable::slotCount() {
     return count;
 }
 
-U32 ReaderTable::occupied() const noexcept {
-    return segments_ ? Dov::Atomics::loadAcquire( &segments_->header().occupiedSlots ) : 0;
+U32 ReaderTable::occupied() const {
+    const U32 occupied =
+        segments_ ? Dov::Atomics::loadAcquire( &segments_->header().occupiedSlots ) : 0;
+    if ( segments_ ) {
+        segments_->checkSound();
+    }
+    return occupied;
 }
 
 U64 ReaderTable::sequence() const noexcept {

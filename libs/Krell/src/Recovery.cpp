@@ -10,9 +10,20 @@ using Dov::Atomics::loadRelaxed;
 using Dov::Atomics::storeRelaxed;
 using Dov::Atomics::storeRelease;
 
+namespace {
+
+// Of the numbers that a version has room for, the last eighth is left to the changes to come: no
+// writer lives to get there.
+constexpr U64 sequenceLimit = U64( 7 ) << 58;
+
+} // namespace
+
 void Recovery::run() {
     count_ = segments_.slotCount();
     sequence_ = loadRelaxed( segments_.sequenceWord() );
+    if ( sequence_ >= sequenceLimit ) {
+        sequence_ = 0; // the slots tell
+    }
     settleLookaside();
     KRELL_CRASH_POINT( "recovery: lookaside settled" );
     settleSlots();
@@ -78,6 +89,9 @@ void Recovery::settleSlot( U32 index ) {
     SlotHead* const slot = segments_.slot( index );
     const SlotVersion version( loadRelaxed( &slot->version ) );
     sequence_ = std::max( sequence_, version.sequence() );
+    if ( sequence_ >= sequenceLimit ) {
+        unusable( index, "has a sequence that no writer gets to" );
+    }
     switch ( version.state() ) {
     case SlotVersion::invalid:
         unusable( index, "has no valid state" );

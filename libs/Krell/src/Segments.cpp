@@ -6,7 +6,10 @@
 #include <limits>
 #include <new>
 
+#include <unistd.h>
+
 #include <Krell/BucketArray>
+#include <Krell/WriterTable>
 
 namespace Krell {
 
@@ -29,6 +32,17 @@ U32 arraysAtOf( const Layout& layout ) {
 
 // What a mapping and a file offset can be, on this width.
 constexpr U64 addressLimit = sizeof( void* ) == 4 ? 0x7fffffffu : U64( 1 ) << 46;
+
+// The words of a segment from `from`, a multiple of their size, to `to`.
+void clear( const KrellMem& mem, std::size_t from, std::size_t to ) {
+    char* const start = static_cast< char* >( mem.address() );
+    for ( ; from + sizeof( U64 ) <= to; from += sizeof( U64 ) ) {
+        U64* const word = reinterpret_cast< U64* >( start + from );
+        if ( Dov::Atomics::loadRelaxed( word ) != 0 ) {
+            Dov::Atomics::storeRelaxed( word, 0 );
+        }
+    }
+}
 
 void populateFrom( KrellMem& mem, std::size_t before ) {
     if ( mem.memSize() - before >= populatedFrom ) {
@@ -83,14 +97,15 @@ Segments::Segments( Platform::DebugHandler& handler,
     : handler_( handler ),
       directory_( std::move( directory ) ),
       layout_( layout ),
-      slotSize_( layout.slotSize() ) {
+      slotSize_( layout.slotSize() ),
+      faults_( std::make_shared< Dov::FaultGroup >( &alarmCount ) ) {
     layout.check();
     const RootPath path( handler, directory_ ? directory_->path() : "/", false );
     slotsMem_ = std::make_unique< KrellMem >( handler, path, slotsName.c_str(), local() );
     bucketsMem_ = std::make_unique< KrellMem >( handler, path, bucketsName.c_str(), local() );
-    if ( directory_ ) {
-        slotsMem_->directoryFdIs( directory_->fd() );
-        bucketsMem_->directoryFdIs( directory_->fd() );
+    for ( KrellMem* mem : { slotsMem_.get(), bucketsMem_.get() } ) {
+        mem->directoryFdIs( directory_ ? directory_->fd() : -1 );
+        mem->faultGroupIs( faults_ );
     }
 }
 
@@ -331,30 +346,35 @@ bool Segments::extentsAreValid( std::string& why ) {
     }
 }
 
-void Segments::growSlots( U32 slots ) {
+void Segments::growSlots( U32 inUse, U32 slots ) {
     if ( slots > maxSlotsOf( layout_ ) ) {
         throw MemoryLimitException( std::to_string( slots ) + " slots are wanted in " + place() +
                                     "; the most is " + std::to_string( maxSlotsOf( layout_ ) ) );
     }
-    grow( *slotsMem_, slotsAt_ + U64( slots ) * slotSize_ );
+    grow( *slotsMem_, slotsAt_ + U64( inUse ) * slotSize_, slotsAt_ + U64( slots ) * slotSize_ );
 }
 
 void Segments::growBuckets( U64 lines ) {
-    const U64 size = arraysAtOf( layout_ ) + lines * lineSize;
+    const U64 at = arraysAtOf( layout_ );
+    const U64 size = at + lines * lineSize;
     if ( lines >= TableWord::lineLimit_ || size > addressLimit ) {
         throw MemoryLimitException( "the buckets of " + place() +
                                     " do not fit in the address space" );
     }
-    grow( *bucketsMem_, size );
+    grow( *bucketsMem_, at + linesMapped_ * lineSize, size );
 }
 
-// What is large is about to be filled: its pages come at once, not one by one.
-void Segments::grow( KrellMem& mem, U64 size ) {
+// What is large is about to be filled: its pages come at once, not one by one. The former file, and
+// the rest of its last page, may hold what no writer left there.
+void Segments::grow( KrellMem& mem, U64 inUse, U64 size ) {
     const std::size_t before = mem.memSize();
     if ( !mem.resize( std::size_t( size ) ) ) {
         fail( mem );
     }
     populateFrom( mem, before );
+    const std::size_t page = std::size_t( ::sysconf( _SC_PAGESIZE ) );
+    clear( mem, std::size_t( inUse ),
+           std::min( mem.memSize(), ( before + page - 1 ) / page * page ) );
     locate();
 }
 
@@ -391,6 +411,14 @@ bool Segments::remap() {
     return same;
 }
 
+void Segments::checkSizes() {
+    for ( KrellMem* mem : { slotsMem_.get(), bucketsMem_.get() } ) {
+        if ( !local() && !mem->isWhole() && mem->errorNumber() == ENODATA ) {
+            fail( *mem );
+        }
+    }
+}
+
 U32 Segments::fenix() const noexcept { return load32( &header_->fenix ); }
 
 U32 Segments::flags() const noexcept { return load32( &header_->flags ); }
@@ -405,7 +433,14 @@ void Segments::slotCountIs( U32 count ) {
 }
 
 void Segments::fail( const Dov::SharedMem& mem ) const {
+    if ( mem.errorNumber() == ENODATA ) {
+        throw CorruptionDetectedException( mem.errorText() );
+    }
     throwSystemFailure( mem.errorText(), mem.errorNumber() );
+}
+
+void Segments::refuseDamaged() const {
+    throw CorruptionDetectedException( place() + ": a file was shortened while it was mapped" );
 }
 
 } // namespace Krell

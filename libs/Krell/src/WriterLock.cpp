@@ -29,6 +29,17 @@ U64 thisProcess() noexcept {
     return U64( forks.load( std::memory_order_relaxed ) ) << 32 | U32( ::getpid() );
 }
 
+// Nothing is written to a file that somebody linked here from elsewhere.
+void needNoOtherName( const Fd& file, const std::string& path ) {
+    struct stat status;
+    if ( ::fstat( file.get(), &status ) != 0 ) {
+        throwSystemFailure( "fstat", path, errno );
+    }
+    if ( status.st_nlink > 1 ) {
+        throw RuntimeException( "openat " + path + ": the file has another name too" );
+    }
+}
+
 } // namespace
 
 // The locks that this process holds. Everything that opens or closes a lock file does so under the
@@ -177,6 +188,7 @@ WriterLock::Attempt WriterLock::settle( const Directory& directory,
     if ( idOfName( directory ) != id ) {
         return Attempt::again; // a lock on a file that nobody else will find
     }
+    needNoOtherName( file, path_ );
     owner_ = ownerIn( file );
     const ReignLine reign = number( file );
     registry.insert( id, std::move( file ), owner_, reign );

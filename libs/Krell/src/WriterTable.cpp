@@ -5,6 +5,8 @@
 
 #include <pthread.h>
 
+#include <Krell/Incarnation>
+
 namespace Krell {
 
 using Dov::Atomics::loadRelaxed;
@@ -15,7 +17,7 @@ using Dov::Atomics::storeRelease;
 void ( *crashPointHandler )( const char* name ) = nullptr;
 #endif
 
-U32 forkCount = 0;
+U32 alarmCount = 0;
 
 namespace {
 
@@ -29,7 +31,12 @@ constexpr U32 stepPart = 32;
 constexpr U32 leastStep = 64;
 constexpr U32 stepBytes = U32( 2 ) << 20;
 
-[[maybe_unused]] const int forkWatch = pthread_atfork( nullptr, nullptr, [] { ++forkCount; } );
+U32 forkCount = 0; // how often this process is a forked child of the one that loaded the library
+
+[[maybe_unused]] const int forkWatch = pthread_atfork( nullptr, nullptr, [] {
+    ++forkCount;
+    ++alarmCount;
+} );
 
 } // namespace
 
@@ -46,7 +53,28 @@ WriterTable::WriterTable( Segments& segments )
       retiredCount_( segments.header().retiredCount ),
       sequence_( *segments.sequenceWord() ),
       firstSequence_( sequence_ ),
-      forks_( forkCount ) {}
+      alarms_( alarmCount ),
+      forks_( forkCount ) {
+    if ( free_ >= count_ ) {
+        free_ = noIndex;
+    }
+    if ( retiredFirst_ >= count_ || retiredLast_ >= count_ ) {
+        retiredCount_ = 0;
+    }
+}
+
+void WriterTable::judgeAlarm() {
+    const U32 alarms = loadRelaxed( &alarmCount );
+    if ( forks_ != forkCount ) {
+        throw RuntimeException( "this process was forked from the writer of " + segments_.place() +
+                                " and cannot write it" );
+    }
+    if ( segments_.damaged() ) {
+        Incarnation::markCorrupt( *segments_.directory() );
+        segments_.checkSound();
+    }
+    alarms_ = alarms;
+}
 
 void WriterTable::insert( U32 hash, const U64* key, const U64* value ) {
     ensureSlot();
@@ -103,7 +131,7 @@ void WriterTable::remove( const BucketArray::Place& place ) {
 }
 
 void WriterTable::reserve( U32 slots ) {
-    refuseForked();
+    heedAlarm();
     if ( slots > count_ ) {
         growTo( slots );
     }
@@ -117,7 +145,7 @@ void WriterTable::reserve( U32 slots ) {
 }
 
 bool WriterTable::grow() {
-    refuseForked();
+    heedAlarm();
     const U32 most = Segments::maxSlotsOf( segments_.layout() );
     if ( count_ >= most ) {
         return false;
@@ -140,14 +168,15 @@ bool WriterTable::growByStep() {
     return true;
 }
 
-// Readers map the file anew when they meet an index beyond what they have mapped.
+// Readers map the file anew when they meet an index beyond what they have mapped. What is asked for
+// and cannot be is refused by the files, before memory is taken up for it.
 void WriterTable::growTo( U32 slots ) {
+    KRELL_CRASH_POINT( "slots: before they are allocated" );
+    segments_.growSlots( count_, slots );
+    KRELL_CRASH_POINT( "slots: allocated" );
     if ( queue_ ) {
         queue_->reserve( slots );
     }
-    KRELL_CRASH_POINT( "slots: before they are allocated" );
-    segments_.growSlots( slots );
-    KRELL_CRASH_POINT( "slots: allocated" );
     const U32 before = count_;
     count_ = slots;
     segments_.slotCountIs( slots ); // SYNC( slot-count )
@@ -160,7 +189,7 @@ void WriterTable::growTo( U32 slots ) {
 }
 
 void WriterTable::mark() {
-    refuseForked();
+    heedAlarm();
     try {
         std::vector< bool > marked( count_ );
         for ( U32 index = 0; index < count_; ++index ) {
@@ -169,7 +198,7 @@ void WriterTable::mark() {
         marked_ = std::move( marked );
         marks_ = count_;
     } catch ( const std::bad_alloc& ) {
-        throw MemoryResourceException( "no memory to mark the entries of " + segments_.place() );
+        throwNoMemory( [ & ] { return "to mark the entries of " + segments_.place(); } );
     }
 }
 
@@ -212,12 +241,15 @@ U32 WriterTable::takeFree() {
     return index;
 }
 
+// A list that ends too early, which no writer left, ends there: the next writer lists its slots.
 U32 WriterTable::takeRetired() {
     const U32 index = retiredFirst_;
     const U32 link = loadRelaxed( &segments_.slot( index )->link );
-    retiredFirst_ = link && link <= count_ ? link - 1 : noIndex;
-    if ( --retiredCount_ == 0 ) {
+    if ( --retiredCount_ == 0 || link == 0 || link > count_ ) {
+        retiredCount_ = 0;
         retiredFirst_ = retiredLast_ = noIndex;
+    } else {
+        retiredFirst_ = link - 1;
     }
     return index;
 }
