@@ -71,6 +71,9 @@ void seal( Collection::Files& files, const std::string& queueFile );
 // Opens the collection in that role and does everything that can be done in it; `between` is called
 // when it is open, and all is done again. Every call has to come back.
 void follow( QelKrell::QelKrellType role, const std::function< void() >& between );
+// Opens it as its writer, which changes everything before `between` is called and after it. Every
+// call has to come back.
+void write( const std::function< void() >& between );
 // A next writer takes over. It always can, whatever it finds; what it writes, it and a reader find.
 void takeOver();
 

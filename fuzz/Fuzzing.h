@@ -93,13 +93,16 @@ bool answers( F&& f ) {
 // The same where the collection library itself is called.
 template < class F >
 bool answersBelow( F&& f ) {
+    bool done = true;
     return answers( [ & ] {
-        try {
-            f();
-        } catch ( const Krell::Exception& e ) {
-            throw Qel::InternalException( e.msg() );
-        }
-    } );
+               try {
+                   f();
+               } catch ( const Krell::Exception& e ) {
+                   demand( !e.msg().empty(), "an exception without a message" );
+                   done = false;
+               }
+           } ) &&
+           done;
 }
 
 // Neither traces nor errors that are answers are written while a target runs.

@@ -21,7 +21,7 @@ void resize( Collection::Files& files, const Collection::Regions& regions, Input
     if ( size == 0xffff ) {
         files.erase( file );
     } else if ( const auto found = files.find( file ); found != files.end() ) {
-        found->second.resize( size % ( 3 * found->second.size() + 1 ) );
+        found->second.resize( size % ( 3 * found->second.size() + 1 ), char( size >> 12 ) );
     }
 }
 

@@ -107,8 +107,9 @@ private:
             const char* const known[] = { "reading", "limit", "staff", "entity", "" };
             const unsigned at = input_.byte();
             const auto size = input_.number< Qel::U32 >();
+            const bool any = bits & 64; // most are far beyond what there is room for
             info.collectionInfoIs( { at < std::size( known ) ? known[ at ] : input_.line(),
-                                     size % ( local_ ? 1000 : 1 << 20 ) } );
+                                     any ? size : size % ( local_ ? 1000 : 1 << 20 ) } );
         }
         return info;
     }

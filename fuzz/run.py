@@ -1,27 +1,35 @@
 #!/usr/bin/env python3
-"""Runs the fuzz targets, one after the other, each from its corpus in the tree on.
+"""Runs the fuzz targets, some at a time, each from its corpus in the tree on.
 
-Prints one line a target. New inputs go to OUT/corpus/TARGET, findings to OUT/found/TARGET. Ctrl-C
-ends the target under way and prints the table so far. Exit status 1 when anything was found; the
-commands that replay it are printed.
+Prints how far they are, then a table with a line a target. New inputs go to OUT/corpus/TARGET,
+findings to OUT/found/TARGET. Ctrl-C ends the targets under way and prints the table so far. Exit
+status 1 when anything was found; the commands that replay it are printed. KRELL_SEED, when set, is
+the seed of each target.
 """
 
 import argparse
 import hashlib
 import os
+import random
 import re
 import shlex
 import signal
 import subprocess
 import sys
 import tempfile
+import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 TARGETS = "text generic mount find headers segments queue".split()
 SMALL = 900  # bytes of an input in the tree
+LARGEST = 1024  # bytes of any input: larger ones take longer and say little more
+FOUND = "finding-"  # begins the names of inputs in the tree that once were findings
 INPUT_SECONDS = 25  # more than this for one input is a finding
-COLUMNS = "{:<10}{:>14}{:>10}{:>12}{:>10}"
-SANITIZERS = {"UBSAN_OPTIONS": "print_stacktrace=1"}
+PROGRESS_SECONDS = 10  # between two looks that are printed
+COLUMNS = "{:<10}{:>14}{:>10}{:>10}{:>12}{:>10}"
+# Of each allocation no more is kept than what tells that it is misused: the replay of a finding,
+# without these, tells the rest.
+FAST = "malloc_context_size=1:quarantine_size_mb=8"
 
 
 def arguments(words):
@@ -29,7 +37,9 @@ def arguments(words):
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("target", nargs="?", metavar="TARGET", help="one of " + " ".join(TARGETS))
     parser.add_argument("seconds", nargs="?", type=int, metavar="SECONDS",
-                        help="of each target; without it, 60 are shared by all")
+                        help="of each target; without it, all of them take 60")
+    parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1, metavar="N",
+                        help="targets at a time; one for each processor without it")
     parser.add_argument("--bin", default="build/fuzz/bin", help=argparse.SUPPRESS)
     parser.add_argument("--out", default="build/fuzz", help=argparse.SUPPRESS)
     parser.add_argument("--merge", action="store_true",
@@ -42,9 +52,12 @@ def arguments(words):
         parser.error(f"no target '{options.target}'; there are: {' '.join(TARGETS)}")
     options.targets = [options.target] if options.target else TARGETS
     if options.seconds is None:
-        options.seconds = max(1, 60 // len(options.targets))
+        at_a_time = min(options.jobs, len(options.targets))
+        options.seconds = max(1, 60 * at_a_time // len(options.targets))
     if options.seconds < 1:
         parser.error("a target runs for 1 second at least")
+    if options.jobs < 1:
+        parser.error("one target at a time at least")
     return options
 
 
@@ -60,44 +73,75 @@ class Target:
         self.log = os.path.join(options.out, f"fuzz-{name}.log")
         for directory in (self.new, self.found):
             os.makedirs(directory, exist_ok=True)
+        given = int(os.environ.get("KRELL_SEED", "0"), 0) % (1 << 32)
+        self.seed = given or random.randrange(1, 1 << 32)
+        self.process = None
+        self.before = set()
         self.findings = []
 
     def command(self, seconds):
         command = [self.program, "-print_final_stats=1", "-print_funcs=0", "-entropic=0",
-                   f"-max_total_time={seconds}", f"-timeout={INPUT_SECONDS}",
-                   f"-artifact_prefix={self.found}/"]
+                   f"-seed={self.seed}", f"-max_total_time={seconds}", f"-max_len={LARGEST}",
+                   f"-timeout={INPUT_SECONDS}",
+                   f"-report_slow_units={INPUT_SECONDS}", f"-artifact_prefix={self.found}/"]
         dictionary = os.path.join(HERE, self.name + ".dict")
         if os.path.exists(dictionary):
             command.append("-dict=" + dictionary)
         return command + [self.new, self.corpus]
 
-    def run(self, seconds, environment):
-        """Runs it; false when it was interrupted."""
-        before = set(os.listdir(self.found))
+    def start(self, seconds, environment):
+        self.before = set(os.listdir(self.found))
         with open(self.log, "w", encoding="utf-8") as log:
             # In a group of its own: Ctrl-C reaches it through this program only, and once.
-            process = subprocess.Popen(self.command(seconds), stdout=log, stderr=log,
-                                       stdin=subprocess.DEVNULL, env=environment,
-                                       start_new_session=True)
-            whole = wait(process)
-        self.findings = sorted(os.path.join(self.found, name)
-                               for name in set(os.listdir(self.found)) - before)
-        if whole and process.returncode != 0 and not self.findings:
-            self.findings = [self.log]  # it ended without leaving an input
-        return whole
+            self.process = subprocess.Popen(self.command(seconds), stdout=log, stderr=log,
+                                            stdin=subprocess.DEVNULL, env=environment,
+                                            start_new_session=True)
 
-    def statistic(self, name):
+    def ended(self, interrupted=False):
+        """Whether it has; then its findings are known."""
+        if self.process.poll() is None:
+            return False
+        self.findings = sorted(os.path.join(self.found, name)
+                               for name in set(os.listdir(self.found)) - self.before)
+        if not interrupted and self.process.returncode != 0 and not self.findings:
+            self.findings = [self.log]  # it ended without leaving an input
+        return True
+
+    def wait_interrupted(self):
+        try:
+            self.process.wait(INPUT_SECONDS)
+        except (KeyboardInterrupt, subprocess.TimeoutExpired):
+            self.process.kill()
+            self.process.wait()
+        self.ended(interrupted=True)
+
+    def last(self, pattern):
+        """The number in the last match in its log, or 0."""
+        if not os.path.exists(self.log):
+            return 0
         with open(self.log, encoding="utf-8", errors="replace") as log:
-            numbers = re.findall(rf"stat::{name}:\s+(\d+)", log.read())
+            numbers = re.findall(pattern, log.read(), re.MULTILINE)
         return int(numbers[-1]) if numbers else 0
 
+    def executions(self):
+        return max(self.last(r"^#(\d+)"), self.last(r"stat::number_of_executed_units:\s+(\d+)"))
+
+    def coverage(self):
+        return self.last(r"^#\d+.* cov: (\d+)")
+
     def line(self):
-        return COLUMNS.format(self.name, self.statistic("number_of_executed_units"),
-                              self.statistic("average_exec_per_sec"),
-                              self.statistic("new_units_added"), len(self.findings))
+        return COLUMNS.format(self.name, self.executions(),
+                              self.last(r"stat::average_exec_per_sec:\s+(\d+)"), self.coverage(),
+                              self.last(r"stat::new_units_added:\s+(\d+)"), len(self.findings))
+
+    def figures(self):
+        """A line as tests/Torture.h prints them."""
+        return (f"torture fuzz-{self.name} seed={self.seed} executions={self.executions()} "
+                f"findings={len(self.findings)} coverage<={self.coverage()}")
 
     def merge(self, environment):
-        """Leaves in the tree the fewest of the small inputs that reach what all of them reach."""
+        """Leaves in the tree the fewest of the small inputs that reach what all of them reach, and
+        those that once were findings."""
         with tempfile.TemporaryDirectory() as scratch:
             record = os.path.join(scratch, "record")
             merged = os.path.join(scratch, "merged")
@@ -107,9 +151,11 @@ class Target:
                            check=True, env=environment, stdout=subprocess.DEVNULL,
                            stderr=subprocess.DEVNULL)
             chosen = cover(features(record))
-        kept = {name: read(name) for name in chosen}
+        kept = {name: read(name) for name in chosen
+                if not os.path.basename(name).startswith(FOUND)}
         for name in os.listdir(self.corpus):
-            os.remove(os.path.join(self.corpus, name))
+            if not name.startswith(FOUND):
+                os.remove(os.path.join(self.corpus, name))
         for bytes_ in kept.values():
             with open(os.path.join(self.corpus, hashlib.sha1(bytes_).hexdigest()), "wb") as file:
                 file.write(bytes_)
@@ -145,18 +191,31 @@ def cover(reached):
     return chosen
 
 
-def wait(process):
+def run(targets, options, environment):
+    """Runs them; those that were begun, in their order. Ctrl-C ends it."""
+    begun, running = [], []
+    look = time.monotonic() + PROGRESS_SECONDS
     try:
-        process.wait()
-        return True
+        while running or len(begun) < len(targets):
+            while len(running) < options.jobs and len(begun) < len(targets):
+                begun.append(targets[len(begun)])
+                running.append(begun[-1])
+                begun[-1].start(options.seconds, environment)
+            time.sleep(0.05)
+            running = [target for target in running if not target.ended()]
+            if time.monotonic() >= look:
+                for target in running:
+                    print(target.figures() if "QELKRELL_TORTURE" in os.environ else
+                          f"-- {target.name}: {target.executions()} executions, "
+                          f"coverage {target.coverage()}", flush=True)
+                look = time.monotonic() + PROGRESS_SECONDS
     except KeyboardInterrupt:
-        process.send_signal(signal.SIGINT)
-        try:
-            process.wait(INPUT_SECONDS)
-        except (KeyboardInterrupt, subprocess.TimeoutExpired):
-            process.kill()
-            process.wait()
-        return False
+        for target in running:
+            target.process.send_signal(signal.SIGINT)
+        for target in running:
+            target.wait_interrupted()
+        print(f"interrupted; {len(targets) - len(begun)} targets did not run")
+    return begun
 
 
 def report(targets):
@@ -172,7 +231,8 @@ def report(targets):
 def main(words):
     options = arguments(words)
     targets = [Target(name, options) for name in options.targets]
-    environment = dict(SANITIZERS, **os.environ)
+    environment = dict({"UBSAN_OPTIONS": "print_stacktrace=1"}, **os.environ)
+    environment["ASAN_OPTIONS"] = ":".join([FAST, *filter(None, [os.environ.get("ASAN_OPTIONS")])])
     if options.merge:
         for target in targets:
             target.merge(environment)
@@ -180,18 +240,16 @@ def main(words):
     for target in targets:
         if not os.access(target.program, os.X_OK):
             sys.exit(f"{target.program} is not built; ./dev fuzz builds it")
-    print(COLUMNS.format("target", "executions", "a second", "new units", "crashes"), flush=True)
-    run = []
     with tempfile.TemporaryDirectory(prefix="qelkrell-fuzz-", dir="/dev/shm") as scratch:
         environment["QELKRELL_FUZZ_ROOT"] = scratch
-        for target in targets:
-            run.append(target)
-            whole = target.run(options.seconds, environment)
-            print(target.line(), flush=True)
-            if not whole:
-                print(f"interrupted; {len(targets) - len(run)} targets did not run")
-                break
-    return report(run)
+        begun = run(targets, options, environment)
+    print(COLUMNS.format("target", "executions", "a second", "coverage", "new units", "crashes"))
+    for target in begun:
+        print(target.line())
+    status = report(begun)
+    for target in begun:
+        print(target.figures(), flush=True)
+    return status
 
 
 if __name__ == "__main__":

@@ -1,6 +1,6 @@
 // A whole collection with anything in its slots, buckets and queue, before and under every role:
-// reading, iterating, following and validating come back, with an answer or an exception, and a
-// next writer always takes over.
+// reading, iterating, following, validating and changing come back, with an answer or an exception,
+// and a next writer always takes over.
 //
 // Input: a byte of flags; then changes, until it ends.
 
@@ -15,6 +15,7 @@ constexpr unsigned readersMask = 3;   // one role, or all three
 constexpr unsigned changedUnder = 4;  // the role is open when the contents change
 constexpr unsigned markerStays = 8;   // when a role left one
 constexpr unsigned changedTwice = 16; // and the writer meets other contents again
+constexpr unsigned writerUnder = 32;  // a writer is at work when the contents change
 
 } // namespace
 
@@ -37,6 +38,9 @@ int LLVMFuzzerTestOneInput( const std::uint8_t* data, std::size_t size ) {
             follow( roles[ i ],
                     under ? [ & ] { collection.overwrite( files ); } : std::function< void() >() );
         }
+    }
+    if ( flags & writerUnder ) {
+        write( [ & ] { collection.overwrite( files ); } );
     }
     if ( !( flags & markerStays ) ) {
         std::filesystem::remove( collection.directory() + "/corruption-detected" );

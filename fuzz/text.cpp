@@ -1,4 +1,5 @@
-// The text form of every type: whatever parses is printed, and the print parses to an equal value.
+// The text form of every type that is registered, and of some others: whatever parses is printed,
+// and the print parses to an equal value.
 //
 // Input: one byte that chooses the type, then the text.
 
@@ -27,7 +28,7 @@ constexpr auto describe( const Colour* ) {
 }
 
 // In this order the first bytes of inputs choose: new ones go to the end.
-const std::vector< Ptr< QelType > >& types() {
+const std::vector< Ptr< QelType > >& firstTypes() {
     using namespace QelKrell;
     static const std::vector< Ptr< QelType > > all {
         typeOf< ReaderCounters >(),
@@ -61,6 +62,23 @@ const std::vector< Ptr< QelType > >& types() {
         typeOf< Qel::Name >(),
         typeOf< Ptr< const Norvo::EntityManager > >(),
     };
+    return all;
+}
+
+const std::vector< Ptr< QelType > >& types() {
+    static const std::vector< Ptr< QelType > > all = [] {
+        std::vector< Ptr< QelType > > types = firstTypes();
+        std::vector< Qel::String > names = QelType::typeNames();
+        std::sort( names.begin(), names.end() );
+        for ( const Qel::String& name : names ) {
+            const Ptr< QelType > type = QelType::typeNode( name );
+            const bool isThere = std::find( types.begin(), types.end(), type ) != types.end();
+            if ( !isThere && type->ops().parse ) {
+                types.push_back( type );
+            }
+        }
+        return types;
+    }();
     return all;
 }
 
