@@ -1,184 +1,39 @@
 // Whatever stands in the change queue: every call returns, with an answer or an exception.
 
 #include <filesystem>
-#include <set>
-
-#include <gtest/gtest.h>
 
 #include <sys/stat.h>
 
-#include "krell/QueueSupport.h"
+#include "krell/HostileQueue.h"
 
 using namespace KrellTest;
-using Krell::QueueHeader;
-using Krell::QueueMark;
-using Drain = Krell::QueueReader::Drain;
+using QelKrellTest::Torture;
 
 namespace {
 
-constexpr std::size_t entriesAt = sizeof( QueueHeader );
-constexpr std::size_t markAt = offsetof( QueueHeader, mark );
-constexpr std::size_t tailAt = offsetof( QueueHeader, tail );
-constexpr std::size_t roundAt = offsetof( QueueHeader, round );
-constexpr std::size_t roundBeforeAt = offsetof( QueueHeader, roundBefore );
-constexpr std::size_t stampAt = offsetof( QueueHeader, fenix );
-constexpr unsigned drainsAtMost = 8;
-constexpr U32 slots = 60; // all of which were used
-
-// What one reader made of the queue.
-struct Outcome {
-    std::string thrown; // the exception's name, and its message
-    std::string message;
-    Drain last = Drain::absent;
-    U64 told = 0;
-};
-
-// A queue that went round several times; 30 keys, and 20 that came and went.
-class QueueHostileTest : public testing::Test {
-protected:
-    QueueHostileTest() {
-        QueueWriterSide writer( place, slots );
-        for ( U64 n = 0; n < 750; ++n ) {
-            writer.put( n % 30, n );
-            writer.put( 30 + n % 20, n );
-            writer.del( 30 + n % 20 );
-        }
-        writer.expectSound();
-        head = writer.head();
-        tail = writer.tail();
-        round = writer.round();
-        roundBefore = writer.roundBefore();
-        places = writer.queue().places();
-        file = writer.file();
-        bytes = bytesOf( file );
-        EXPECT_TRUE( roundBefore < tail && tail < round && round < head );
-    }
-    // Restores the queue, but for `changes`.
-    template < class F >
-    void store( F&& changes ) {
-        std::string changed = bytes;
-        changes( changed );
-        bytesInto( file, changed );
-    }
-    template < class T >
-    static void set( std::string& bytes, std::size_t at, T value ) {
-        bytes.replace( at, sizeof value, reinterpret_cast< const char* >( &value ), sizeof value );
-    }
-    static U64 word( const std::string& bytes, std::size_t at ) {
-        U64 value = 0;
-        bytes.copy( reinterpret_cast< char* >( &value ), sizeof value, at );
-        return value;
-    }
-    std::size_t placeAt( U64 position ) const {
-        return entriesAt +
-               sizeof( U32 ) * ( position - ( position < round ? roundBefore : round ) );
-    }
-    // The checksum as it should be.
-    static void seal( std::string& bytes ) {
-        const std::size_t from = offsetof( QueueHeader, generation );
-        set( bytes, offsetof( QueueHeader, checksum ),
-             U32( Krell::Util::hash( bytes.data() + from, unsigned( markAt - from ) ) ) );
-    }
-
-    // Drains until nothing is new, or an exception. Each drain tells a bounded number of slots.
-    Outcome drain( QueueReaderSide& reader ) const {
-        Outcome outcome;
-        try {
-            for ( unsigned i = 0; i < drainsAtMost; ++i ) {
-                U64 told = 0;
-                outcome.last = reader.queue.drain( [ & ]( U32 slot ) {
-                    reader.keyAt( slot );
-                    ++outcome.told;
-                    return ++told <= 4 * places;
-                } );
-                EXPECT_LE( told, 4 * places );
-                if ( outcome.last != Drain::end ) {
-                    break;
-                }
-            }
-        } catch ( const Krell::Exception& e ) {
-            outcome.thrown = e.name();
-            outcome.message = e.msg();
-            EXPECT_FALSE( e.msg().empty() );
-        }
-        return outcome;
-    }
-    // A reader that stands at that position, and does not know the changes that were made since: as
-    // many as there are slots, at the least.
-    std::unique_ptr< QueueReaderSide > readerAt( U64 position ) {
-        store( [ & ]( std::string& b ) {
-            const U64 sequence = ( word( b, markAt ) >> 32 ) - ( head - position ) - slots;
-            set( b, markAt, QueueMark( sequence, position ).word() );
-        } );
-        auto reader = std::make_unique< QueueReaderSide >( place );
-        reader->keys();
-        EXPECT_EQ( reader->last, Drain::end );
-        store( []( std::string& ) {} );
-        return reader;
-    }
-    // How many slots it was told before.
-    U64 expectCorruptTo( QueueReaderSide& reader, const std::string& what ) {
-        const Outcome outcome = drain( reader );
-        EXPECT_EQ( outcome.thrown, "CorruptionDetectedException" ) << int( outcome.last );
-        EXPECT_NE( outcome.message.find( what ), std::string::npos ) << outcome.message;
-        return outcome.told;
-    }
-    Outcome newcomer() {
-        QueueReaderSide reader( place );
-        return drain( reader );
-    }
-    void expectCorrupt( const std::string& what ) {
-        QueueReaderSide reader( place );
-        expectCorruptTo( reader, what );
-    }
-    void expectAbsent() {
-        const Outcome outcome = newcomer();
-        EXPECT_EQ( outcome.thrown, "" ) << outcome.message;
-        EXPECT_EQ( outcome.last, Drain::absent );
-    }
-    void expectHarmless( const Outcome& outcome ) {
-        EXPECT_TRUE( outcome.thrown.empty() || outcome.thrown == "CorruptionDetectedException" )
-            << outcome.thrown << ": " << outcome.message;
-    }
-
-    QueuePlace place;
-    // The slots of the last entries.
-    std::set< U32 > behind( U64 distance ) const {
-        std::set< U32 > met;
-        for ( U64 position = head - distance; position != head; ++position ) {
-            U32 slot = 0;
-            bytes.copy( reinterpret_cast< char* >( &slot ), sizeof slot, placeAt( position ) );
-            met.insert( slot );
-        }
-        return met;
-    }
-
-    U64 value = 100000;
-    U64 head = 0;
-    U64 tail = 0;
-    U64 round = 0;
-    U64 roundBefore = 0;
-    U64 places = 0;
-    std::string file;
-    std::string bytes;
-};
-
 TEST_F( QueueHostileTest, EveryFlippedByteOfTheHeaderIsRefusedOrHarmless ) {
     ASSERT_EQ( newcomer().told, slots );
-    for ( std::size_t at = 0; at < entriesAt; ++at ) {
-        for ( const int flip : { 0xff, 1, 0x80 } ) {
-            SCOPED_TRACE( "byte " + std::to_string( at ) );
-            store( [ & ]( std::string& b ) { b[ at ] = char( b[ at ] ^ flip ); } );
-            if ( at >= stampAt && at < stampAt + 4 ) {
-                expectAbsent();
-            } else if ( at < markAt ) {
-                expectCorrupt( file );
-            } else if ( at < offsetof( QueueHeader, rest ) ) {
-                expectHarmless( newcomer() );
-            } else {
-                EXPECT_EQ( newcomer().told, slots );
+    Torture torture( "hostile-contents", 1 );
+    std::mt19937_64 random( torture.seed() );
+    while ( torture.goesOn() && !HasFailure() ) {
+        SCOPED_TRACE( "KRELL_SEED=" + std::to_string( torture.seed() ) );
+        for ( std::size_t at = 0; at < entriesAt; ++at ) {
+            for ( const int flip : { 0xff, 1, 0x80, int( random() % 255 + 1 ) } ) {
+                SCOPED_TRACE( "byte " + std::to_string( at ) );
+                store( [ & ]( std::string& b ) { b[ at ] = char( b[ at ] ^ flip ); } );
+                torture.count( "flips" );
+                if ( at >= stampAt && at < stampAt + 4 ) {
+                    expectAbsent();
+                } else if ( at < markAt ) {
+                    expectCorrupt( file );
+                } else if ( at < offsetof( QueueHeader, rest ) ) {
+                    expectHarmless( newcomer() );
+                } else {
+                    EXPECT_EQ( newcomer().told, slots );
+                }
             }
         }
+        countInto( torture );
     }
 }
 
@@ -543,48 +398,6 @@ TEST_F( QueueHostileTest, GenerationWordsOfNonsenseAreHarmless ) {
     generation = whole;
     EXPECT_EQ( drain( follower ).last, Drain::empty );
     EXPECT_EQ( newcomer().told, slots );
-}
-
-TEST_F( QueueHostileTest, RandomChangesUnderAReaderAreRefusedOrHarmless ) {
-    const U64 seed = seedOfRun();
-    SCOPED_TRACE( "KRELL_SEED=" + std::to_string( seed ) );
-    std::mt19937_64 random( seed );
-    unsigned refused = 0;
-    for ( unsigned round = 0; round < 400; ++round ) {
-        store( []( std::string& ) {} );
-        const auto reader = random() % 4 ? readerAt( head - random() % ( ( head - tail ) / 2 ) )
-                                         : std::make_unique< QueueReaderSide >( place );
-        MappedFile mapped( file );
-        if ( random() % 2 ) {
-            reader->some( random() % 60 + 1 );
-        }
-        for ( unsigned i = 0; i < 6; ++i ) {
-            for ( unsigned n = random() % 5 + 1; n > 0; --n ) {
-                const bool header = random() % 3 == 0;
-                const std::size_t at =
-                    header ? markAt + 8 * ( random() % 4 )
-                           : entriesAt + random() % ( mapped.size() - entriesAt ) / 8 * 8;
-                switch ( random() % 4 ) {
-                case 0:
-                    mapped.word( at ) = random();
-                    break;
-                case 1:
-                    mapped.word( at ) += random() % 300;
-                    break;
-                case 2:
-                    mapped.half( at + 4 * ( random() % 2 ) ) = U32( random() % 1000 );
-                    break;
-                default:
-                    mapped.word( at ) ^= U64( 1 ) << ( random() % 64 );
-                }
-            }
-            const Outcome outcome = drain( *reader );
-            expectHarmless( outcome );
-            refused += !outcome.thrown.empty();
-            reader->queue.isPending();
-        }
-    }
-    EXPECT_GT( refused, 0U );
 }
 
 } // namespace

@@ -158,7 +158,7 @@ TEST_F( QueueRoundTest, AStoppedReaderLosesNothingThroughAnyNumberOfRounds ) {
             ASSERT_EQ( halfway.some( 5 ), range( 0, 5 ) );
             change( writer, { 3, 4 } );
             advance( writer, 20, writer.head() + rounds * writer.queue().places() + offset );
-            change( writer, { 5 } );
+            change( writer, 5 );
             EXPECT_EQ( allTold( reader ), rounds + offset > 0 ? ( std::set< U64 > { 3, 4, 5, 20 } )
                                                               : ( std::set< U64 > { 3, 4, 5 } ) );
             std::set< U64 > rest = allTold( halfway );
@@ -246,7 +246,7 @@ protected:
             positions[ slot ] = writer.positionOf( slot );
         }
         while ( writer.queue().compactions() == 0 && writer.tail() == begin ) {
-            change( writer, { 0 } );
+            change( writer, 0 );
         }
         EXPECT_EQ( writer.queue().compactions(), 2 + moved.size() );
         positions.erase( writer.slotsInOrder().back() ); // that of 0, which was not moved
@@ -376,7 +376,7 @@ TEST_F( QueueRoundTest, PlacesThatCameInTheMiddleOfARoundAreFilledBeforeItEnds )
     const U64 grown = writer.queue().places();
     advance( writer, 0, second + grown );
     EXPECT_EQ( writer.round(), second ) << "the round goes on to the new end";
-    change( writer, { 0 } );
+    change( writer, 0 );
     EXPECT_EQ( writer.round(), second + grown );
     EXPECT_EQ( writer.roundBefore(), second );
     writer.expectSound();
@@ -389,7 +389,7 @@ TEST_F( QueueRoundTest, AReaderMapsTheLongerFileWhenItComesToItsPlaces ) {
     reader.keys();
     const auto mapped = reader.queue.counts().resizes;
     writer.table.reserve( 2 * fullPage );
-    change( writer, { 1 } );
+    change( writer, 1 );
     EXPECT_EQ( reader.keys(), Keys { 1 } );
     EXPECT_EQ( reader.queue.counts().resizes, mapped ) << "nothing stands there yet";
     advance( writer, 2, writer.round() + writer.queue().places() );
@@ -397,8 +397,12 @@ TEST_F( QueueRoundTest, AReaderMapsTheLongerFileWhenItComesToItsPlaces ) {
     EXPECT_EQ( reader.queue.counts().resizes, mapped + 1 );
 }
 
+// The slots' file is long enough: what finds no space is the queue's.
 TEST_F( QueueRoundTest, GrowthThatFindsNoSpaceChangesNothing ) {
-    QueueWriterSide writer( place, fullPage );
+    QueueWriterSide( place, fullPage );
+    std::filesystem::resize_file( place / "slots",
+                                  2 * std::filesystem::file_size( place / "slots" ) );
+    QueueWriterSide writer( place );
     change( writer, range( 0, fullPage ) );
     QueueReaderSide reader( place );
     reader.keys();
@@ -445,7 +449,7 @@ TEST_F( QueueRoundTest, ATakeoverMakesTheQueueAnewWhereverItsRoundStands ) {
     QueueReaderSide reader( place );
     reader.keys();
     for ( U64 n = 0; n < 12; ++n ) {
-        change( *writer, { n } );
+        change( *writer, n );
         advance( *writer, 99, writer->head() + n * 197 );
         if ( n % 3 == 2 ) {
             writer->table.reserve( writer->table.slotCount() + 400 );

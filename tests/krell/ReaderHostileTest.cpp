@@ -7,9 +7,11 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
-#include "krell/EngineSupport.h"
+#include "Torture.h"
+#include "krell/QueueSupport.h"
 
 using namespace KrellTest;
+using QelKrellTest::Torture;
 
 namespace {
 
@@ -60,6 +62,7 @@ protected:
     std::set< std::string > readAll() {
         std::set< std::string > thrown;
         const auto guarded = [ & ]( const std::function< void() >& f ) {
+            ++calls;
             try {
                 f();
             } catch ( const Krell::Exception& e ) {
@@ -93,6 +96,33 @@ protected:
                 << name;
         }
     }
+    // Those since it was asked last. One that died or did not come back ends the test.
+    void countInto( Torture& torture ) {
+        torture.count( "calls", std::exchange( calls, 0 ) );
+        torture.count( "crashes", 0 );
+        torture.count( "hangs", 0 );
+    }
+    // The next writer keeps what is there, and makes room for more than the files have.
+    void expectGrowth() {
+        constexpr U64 more = 2500;
+        TestCollection writer( layout );
+        writer.asWriter();
+        EXPECT_EQ( writer.fenixId(), get< U32 >( slots, 12 ) );
+        for ( U64 n = 0; n < more; ++n ) {
+            put( writer, { 1000 + n, n }, n );
+        }
+        EXPECT_TRUE( writer.validate() );
+        TestCollection reader( layout );
+        reader.asReader();
+        EXPECT_EQ( ( contentsOf< 2, 2 >( reader.table() ).size() ), 39 + more );
+        std::array< U64, 2 > value {};
+        for ( U64 n = 0; n < more; ++n ) {
+            const U64 key[] = { 1000 + n, n };
+            ASSERT_TRUE( ( reader.table().find< 2, 2 >( key, value.data() ) ) );
+            ASSERT_EQ( value, wholeValue< 2 >( n ) );
+        }
+        EXPECT_TRUE( reader.validate() );
+    }
     // The next writer is at work whatever it found.
     void expectWriterWorks() {
         TestCollection writer( layout );
@@ -105,29 +135,40 @@ protected:
 
     TestRoot root;
     const Krell::Layout layout = layoutOf( 2, 2 );
+    U64 calls = 0;
     std::string slots;
     std::string buckets;
 };
 
 TEST_F( ReaderHostileTest, EveryFlippedByteOfTheHeadersIsRefusedOrHarmless ) {
     ASSERT_EQ( readAll(), std::set< std::string >() );
-    for ( std::size_t at = 0; at < 200; ++at ) {
-        SCOPED_TRACE( "slots " + std::to_string( at ) );
-        std::string changed = slots;
-        changed[ at ] = char( ~changed[ at ] );
-        store( changed, buckets );
-        expectRefusedOrHarmless();
-        const bool fixed = at < 8 || ( at >= 16 && at < 160 );
-        if ( fixed ) {
-            EXPECT_EQ( readAll(), ( std::set< std::string > { "CorruptionDetectedException" } ) );
+    Torture torture( "hostile-contents", 1 );
+    std::mt19937_64 random( torture.seed() );
+    const auto flip = [ & ]( const std::string& file, std::size_t at ) {
+        const int mask = torture.rounds() == 1 ? 0xff : int( random() % 255 + 1 );
+        std::string changed = file;
+        changed[ at ] = char( changed[ at ] ^ mask );
+        torture.count( "flips" );
+        return changed;
+    };
+    while ( torture.goesOn() && !HasFailure() ) {
+        SCOPED_TRACE( "KRELL_SEED=" + std::to_string( torture.seed() ) );
+        for ( std::size_t at = 0; at < 200; ++at ) {
+            SCOPED_TRACE( "slots " + std::to_string( at ) );
+            store( flip( slots, at ), buckets );
+            expectRefusedOrHarmless();
+            const bool fixed = at < 8 || ( at >= 16 && at < 160 );
+            if ( fixed ) {
+                EXPECT_EQ( readAll(),
+                           ( std::set< std::string > { "CorruptionDetectedException" } ) );
+            }
         }
-    }
-    for ( std::size_t at = 0; at < 256; ++at ) {
-        SCOPED_TRACE( "buckets " + std::to_string( at ) );
-        std::string changed = buckets;
-        changed[ at ] = char( ~changed[ at ] );
-        store( slots, changed );
-        expectRefusedOrHarmless();
+        for ( std::size_t at = 0; at < 256; ++at ) {
+            SCOPED_TRACE( "buckets " + std::to_string( at ) );
+            store( slots, flip( buckets, at ) );
+            expectRefusedOrHarmless();
+        }
+        countInto( torture );
     }
     const U32 fenix = get< U32 >( slots, 12 );
     store( slots, buckets );
@@ -137,10 +178,11 @@ TEST_F( ReaderHostileTest, EveryFlippedByteOfTheHeadersIsRefusedOrHarmless ) {
 }
 
 TEST_F( ReaderHostileTest, RandomChangesAreRefusedOrHarmless ) {
-    const U64 seed = seedOfRun();
-    SCOPED_TRACE( "KRELL_SEED=" + std::to_string( seed ) );
-    std::mt19937_64 random( seed );
-    for ( unsigned round = 0; round < 1500; ++round ) {
+    Torture torture( "hostile-contents", 1200 );
+    std::mt19937_64 random( torture.seed() );
+    while ( torture.goesOn() && !HasFailure() ) {
+        SCOPED_TRACE( "KRELL_SEED=" + std::to_string( torture.seed() ) + ", round " +
+                      std::to_string( torture.rounds() ) );
         std::string s = slots;
         std::string b = buckets;
         for ( unsigned i = random() % 8 + 1; i > 0; --i ) {
@@ -150,16 +192,46 @@ TEST_F( ReaderHostileTest, RandomChangesAreRefusedOrHarmless ) {
             const std::size_t size =
                 std::min< std::size_t >( random() % 4 ? 4 : 1, file.size() - at );
             for ( std::size_t j = 0; j < size; ++j ) {
+                const char before = file[ at + j ];
                 file[ at + j ] = char( random() % 2 ? random() : random() % 40 );
+                torture.count( "flips", file[ at + j ] != before );
             }
         }
         store( s, b );
         expectRefusedOrHarmless();
-        if ( round % 4 == 0 ) {
+        if ( torture.rounds() % 4 == 0 ) {
             expectWriterWorks();
             bytesInto( pathOf( "fenix" ), std::string( slots, 12, 4 ) );
         }
+        countInto( torture );
     }
+}
+
+// What foreign bytes stood behind the slots that a collection has, or behind its buckets, made the
+// first growth of the next writer throw, and of every one after that.
+TEST_F( ReaderHostileTest, BytesBehindSlotsAndBucketsAreClearedWhenTheyAreUsed ) {
+    for ( const std::size_t size : { 1, 7, 8, 24, 55, 56, 57, 63, 1000, 4096, 100001 } ) {
+        for ( const char filler : { '\x02', '\x03', '\x7f', '\xff' } ) {
+            SCOPED_TRACE( std::to_string( size ) + " bytes of " + std::to_string( int( filler ) ) );
+            store( slots + std::string( size, filler ), buckets + std::string( size, filler ) );
+            bytesInto( pathOf( "fenix" ), std::string( slots, 12, 4 ) );
+            expectRefusedOrHarmless();
+            expectGrowth();
+        }
+    }
+}
+
+// The same for what somebody wrote through a mapping, behind the end of the file.
+TEST_F( ReaderHostileTest, BytesInTheRestOfThePageAreClearedWhenTheyAreUsed ) {
+    store( slots, buckets );
+    MappedFile slotsFile( pathOf( "slots" ) );
+    MappedFile bucketsFile( pathOf( "buckets" ) );
+    for ( MappedFile* file : { &slotsFile, &bucketsFile } ) {
+        for ( std::size_t at = file->size(); at % 4096 != 0; ++at ) {
+            ( *file )[ at ] = '\x03';
+        }
+    }
+    expectGrowth();
 }
 
 TEST_F( ReaderHostileTest, ShortenedFilesAreRefusedOrHarmless ) {
