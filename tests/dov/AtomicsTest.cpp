@@ -106,7 +106,7 @@ TEST( AtomicsTest, AWideWordIsNeverSeenHalfWritten ) {
 }
 
 TEST( AtomicsTest, WhatWasWrittenBeforeAReleaseIsSeenAfterTheAcquire ) {
-    constexpr U32 rounds = 5000;
+    constexpr U32 rounds = 20000;
     U32 payload = 0; // plain: the orderings alone keep it whole
     U32 turn = 0;
     U32 wrong = 0;
