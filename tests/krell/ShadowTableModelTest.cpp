@@ -55,6 +55,12 @@ struct Model {
         }
     }
 
+    void wasThere( const Words& key, std::size_t valueWords ) {
+        if ( values.emplace( key, Words( valueWords ) ).second ) {
+            gone.push_back( key );
+        }
+    }
+
     // The key that settling names next, and its value.
     std::pair< Words, Words > takeGone() {
         const Words key = gone.front();
@@ -83,6 +89,11 @@ public:
     void allVacated() {
         table.allVacated();
         model.allVacated();
+    }
+
+    void wasThere( const Words& key ) {
+        table.wasThere( key.data() );
+        model.wasThere( key, table.valueWords() );
     }
 
     // Names at most `limit` keys.
@@ -143,7 +154,7 @@ private:
 // --- Against the model
 
 // Every operation on three slots and three keys; the value tells the step.
-constexpr unsigned operations = 9 + 3 + 1 + 2;
+constexpr unsigned operations = 9 + 3 + 1 + 2 + 1;
 
 void apply( Compared& both, unsigned operation, U64 step ) {
     if ( operation < 9 ) {
@@ -152,8 +163,10 @@ void apply( Compared& both, unsigned operation, U64 step ) {
         both.vacated( operation - 9 );
     } else if ( operation == 12 ) {
         both.allVacated();
-    } else {
+    } else if ( operation < 15 ) {
         both.settle( operation == 13 ? 1 : 99 );
+    } else {
+        both.wasThere( { 2 } );
     }
 }
 
@@ -212,8 +225,10 @@ TEST_P( ShadowTableShape, RandomStepsAgreeWithTheModel ) {
                            Words( GetParam().valueWords, step ) );
         } else if ( choice < 950 ) {
             both.vacated( slot );
-        } else if ( choice < 998 ) {
+        } else if ( choice < 990 ) {
             both.settle( random() % 20 );
+        } else if ( choice < 998 ) {
+            both.wasThere( keyOf( GetParam(), random() % span ) );
         } else {
             both.allVacated();
         }

@@ -21,6 +21,7 @@ namespace {
 // Runs a script on a copy of one-word keys and values and tells what it says of each step.
 //   "aKS=V"  key K stands in slot S with value V     "vS"  slot S is vacated    "V"  all are
 //   "s"      settles                                 "1"   settles one key      "c"  clears
+//   "tK"     key K was there
 class Script {
 public:
     explicit Script( unsigned valueWords ) : table_( 1, valueWords ) {}
@@ -50,6 +51,11 @@ private:
         case 'c':
             table_.clear();
             return "-";
+        case 't': {
+            const U64 key = static_cast< unsigned char >( step[ 1 ] );
+            table_.wasThere( &key );
+            return "-";
+        }
         default:
             return settle( operation == '1' );
         }
@@ -138,6 +144,13 @@ const Case cases[] = {
     { "aA0=1 V V s V s", "new - - (A1) - () | " },
     { "aA0=1 aB1=2 v0 c s", "new new - - () | " },
     { "aA0=1 v0 c aA0=2 v0 s", "new - - new - (A2) | " },
+    // Gone without having been told of.
+    { "tA", "- | A0" },
+    { "tA s s", "- (A0) () | " },
+    { "tA aA0=1 s", "- was0 () | A1" },
+    { "aA0=1 tA s", "new - () | A1" },
+    { "aA0=1 v0 tA s", "new - - (A1) | " },
+    { "aA0=1 tB v0 s", "new - - (B0A1) | " },
 };
 
 TEST( ShadowTable, TellsWhatEveryStepMeans ) {

@@ -48,14 +48,7 @@ void FollowerPart::handleKey( Side& side, U32 key ) {
     }
     U32 stamp = noStamp; // if the files were replaced: what is there now is told anew
     unlessReplaced( [ & ] { stamp = lookAt( side, key ); } );
-    side.told[ key ] = isNamedAsDeleted( side, key ) ? noStamp : stamp;
-}
-
-// A key shadow names a key as deleted though it is there again, when the writer was that fast; what
-// counts is what it named.
-bool FollowerPart::isNamedAsDeleted( Side& side, U32 key ) {
-    const U64 word = key;
-    return role_ == QelKrell::keyshadow && !side.shelf->control().shadow()->find( &word );
+    side.told[ key ] = stamp;
 }
 
 U32 FollowerPart::lookAt( Side& side, U32 key ) {

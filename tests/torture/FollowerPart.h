@@ -29,7 +29,6 @@ private:
     template < class F >
     void unlessReplaced( F&& look );
     void handleKey( Side& side, U32 key );
-    bool isNamedAsDeleted( Side& side, U32 key );
     U32 lookAt( Side& side, U32 key );
     void judge( Side& side, U32 key, U32 stamp, Book::Look::Found found );
     void lookAround( Side& side, Random& random );

@@ -27,6 +27,7 @@ Follower::Follower( const Layout& layout, Depth depth, ReaderTable& table, Handl
       handler_( handler ),
       depth_( depth ),
       died_( layout.keyWords(), 0 ),
+      told_( layout.keyWords(), 1 ),
       key_( layout.keyWords() ),
       value_( std::max( 1u, layout.valueWords() ) ) {
     if ( depth != Depth::slots ) {
@@ -64,6 +65,7 @@ QueueReader::Drain Follower::round( double seconds ) {
     Deadline deadline( seconds );
     ended_ = false;
     if ( !queue_ ) { // the collection was taken away
+        drainSettlesTold();
         return shadow_ && !shadow_->settled() && !settle( deadline ) ? Drain::stopped
                                                                      : Drain::absent;
     }
@@ -73,6 +75,7 @@ QueueReader::Drain Follower::round( double seconds ) {
         counts_.empty += drain == Drain::empty;
         counts_.ends += drain == Drain::end;
         drainEnded();
+        drainSettlesTold();
         newcomer_ = false;
         unsettled_ = shadow_ && !shadow_->settled();
         if ( unsettled_ && !settle( deadline ) ) {
@@ -126,28 +129,62 @@ void Follower::drainEnded() {
 
 bool Follower::slotRead( U32 slot ) {
     bool occupied;
+    bool dead = false; // key_ has its key
     if ( depth_ == Depth::values ) {
         U64 version = 0;
         occupied = table_.copySlot( slot, key_.data(), value_.data(), version );
     } else {
-        occupied = table_.look( slot, key_.data() ).isOccupied();
+        const SlotVersion version = table_.look( slot, key_.data() );
+        occupied = version.isOccupied();
+        dead = version.state() == SlotVersion::dead && !version.writing();
     }
     if ( occupied ) {
         shadow_->occupied( slot, key_.data(), value_.data() );
         return name( key_.data(), true );
     }
     shadow_->vacated( slot );
+    if ( dead && toldKeys_ != 0 && told_.find( key_.data() ) ) {
+        shadow_->wasThere( key_.data() ); // it came and went since
+    }
     return true;
+}
+
+// Those that were seen to be there again, if no slot has told of them.
+void Follower::drainSettlesTold() {
+    if ( toldKeys_ != 0 ) {
+        told_.allVacated();
+        told_.settle( [ & ]( const U64* key ) {
+            U64 seen = 0;
+            if ( told_.oldValueOf( key, &seen ) && seen ) {
+                shadow_->wasThere( key );
+            }
+        } );
+        toldKeys_ = 0;
+    }
 }
 
 // False when the time was over, or the round was ended, before all were named.
 bool Follower::settle( Deadline& deadline ) {
     shadow_->settle( [ & ]( const U64* key ) {
         key_.assign( key, key + key_.size() );
-        return name( key_.data(), false ) && !deadline.isOver();
+        const bool goOn = name( key_.data(), false );
+        if ( goOn && depth_ == Depth::keys ) {
+            remember();
+        }
+        return goOn && !deadline.isOver();
     } );
     unsettled_ = !ended_ && !shadow_->settled();
     return !ended_ && !unsettled_;
+}
+
+// The key that was named as deleted, if the handler can have found it there again; and whether it
+// is there. A change is counted after it is seen, so that this order misses none.
+void Follower::remember() {
+    const U64 seen = table_.contains( key_.data() );
+    if ( seen || ( queue_ && table_.sequence() != queue_->sequence() ) ) {
+        told_.occupied( toldKeys_, key_.data(), &seen );
+        ++toldKeys_;
+    }
 }
 
 bool Follower::name( const U64* key, bool present ) {

@@ -41,22 +41,23 @@ ShadowTable::Change ShadowTable::occupied( U32 slot, const U64* key, const U64* 
     }
     if ( there != none_ && there != known ) {
         ++mismatches_;
-        goes( there );
+        leave( there );
     }
+    const Change change = known == none_ ? Change::inserted : Change::replaced;
     if ( known == none_ ) {
-        insert( slot, hash, key, value );
-        return Change::inserted;
+        known = insert( hash, key );
+    } else {
+        remember( known );
     }
     stand( known, slot );
-    remember( known );
     std::copy_n( value, valueWords_, keyOf( recordAt( known ) ) + keyWords_ );
-    return Change::replaced;
+    return change;
 }
 
 void ShadowTable::vacated( U32 slot ) noexcept {
     oldIsKnown_ = false;
     if ( const U32 there = standingAt( slot ); there != none_ ) {
-        goes( there );
+        leave( there );
     }
 }
 
@@ -64,8 +65,17 @@ void ShadowTable::allVacated() noexcept {
     oldIsKnown_ = false;
     for ( const U32 there : slots_ ) {
         if ( there != none_ ) {
-            goes( there );
+            leave( there );
         }
+    }
+}
+
+void ShadowTable::wasThere( const U64* key ) {
+    const U32 hash = hashWords( key, keyWords_ );
+    if ( locate( key, keyWords_, hash ) == none_ ) {
+        reserve( 0, true );
+        const U32 index = insert( hash, key );
+        std::fill_n( keyOf( recordAt( index ) ) + keyWords_, valueWords_, 0 );
     }
 }
 
@@ -174,7 +184,8 @@ void ShadowTable::reserveBuckets() {
 
 // --- Records
 
-void ShadowTable::insert( U32 slot, U32 hash, const U64* key, const U64* value ) noexcept {
+// A new record, gone as yet, whose value is still to be stored.
+U32 ShadowTable::insert( U32 hash, const U64* key ) noexcept {
     U32 index = firstFree_;
     if ( index != none_ ) {
         firstFree_ = recordAt( index )->next;
@@ -182,13 +193,13 @@ void ShadowTable::insert( U32 slot, U32 hash, const U64* key, const U64* value )
         index = used_++;
     }
     Record* const record =
-        new ( recordAt( index ) ) Record { hash, bucketOf( hash ), slot, standing_ };
+        new ( recordAt( index ) ) Record { hash, bucketOf( hash ), none_, none_ };
     std::copy_n( key, keyWords_, keyOf( record ) );
-    std::copy_n( value, valueWords_, keyOf( record ) + keyWords_ );
     bucketOf( hash ) = index;
-    slots_[ slot ] = index;
+    goes( index );
     ++size_;
     oldIsKnown_ = false;
+    return index;
 }
 
 // A record of the view takes a slot that is empty, or stays in its own.
@@ -204,10 +215,15 @@ void ShadowTable::stand( U32 index, U32 slot ) noexcept {
     slots_[ slot ] = index;
 }
 
-// A standing record loses its slot and is the last one that went.
+// A standing record loses its slot.
+void ShadowTable::leave( U32 index ) noexcept {
+    slots_[ recordAt( index )->place ] = none_;
+    goes( index );
+}
+
+// A record that has no slot is the last one that went.
 void ShadowTable::goes( U32 index ) noexcept {
     Record& record = *recordAt( index );
-    slots_[ record.place ] = none_;
     record.place = lastGone_;
     record.next = none_;
     ( lastGone_ == none_ ? firstGone_ : recordAt( lastGone_ )->next ) = index;
