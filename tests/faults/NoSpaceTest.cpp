@@ -26,7 +26,7 @@ using QelKrellTest::Tracer;
 
 namespace {
 
-constexpr unsigned page = 4096;
+constexpr unsigned pageSize = 4096;
 constexpr U64 enough = 40000; // keys that fit into no file system of these sizes
 
 // A file system of its own for this process, of that many pages, at `at`. False where the process
@@ -39,7 +39,7 @@ bool mountPages( unsigned pages, const std::string& at ) {
         }
         std::ofstream( "/proc/self/uid_map" ) << "0 " << user << " 1\n";
     }
-    const std::string options = "size=" + std::to_string( pages * page );
+    const std::string options = "size=" + std::to_string( pages * pageSize );
     return ::mount( nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr ) == 0 &&
            ::mount( "tmpfs", at.c_str(), "tmpfs", 0, options.c_str() ) == 0;
 }
@@ -164,7 +164,7 @@ private:
 // Takes up what is left, to the last page.
 void fill( const std::string& directory ) {
     const int fd = ::open( ( directory + "/filler" ).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600 );
-    for ( off_t at = 0; ::posix_fallocate( fd, at, page ) == 0; at += page ) {
+    for ( off_t at = 0; ::posix_fallocate( fd, at, pageSize ) == 0; at += pageSize ) {
     }
     ::close( fd );
 }
@@ -200,7 +200,7 @@ void fillOne( const Shared< Tally >& tally, const std::string& root, unsigned pa
         tally->wrong.add( "no reserve" );
     }
     const int reserve = ::open( ( root + "/reserve" ).c_str(), O_RDWR | O_CLOEXEC );
-    const bool reserved = ::posix_fallocate( reserve, 0, off_t( pages / 2 ) * page ) == 0;
+    const bool reserved = ::posix_fallocate( reserve, 0, off_t( pages / 2 ) * pageSize ) == 0;
     ::close( reserve );
     Table table( tally );
     if ( !reserved || !table.open() ) {

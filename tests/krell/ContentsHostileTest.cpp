@@ -23,12 +23,12 @@ constexpr unsigned flipsARound = 4000;
 constexpr unsigned flipsAtOnce = 16;    // at most, before everything is as it was
 constexpr unsigned flipsAnOpening = 64; // of a role
 
-std::array< U64, 2 > keyOf( U64 n ) {
+std::array< U64, 2 > keyOfNumber( U64 n ) {
     return n % 2 ? collidingKey( n / 2 ) : std::array< U64, 2 > { n / 2, n / 2 };
 }
 
 void put( TestCollection& writer, U64 n, U64 seed ) {
-    writer.writer().put< 2, 2 >( keyOf( n ).data(), wholeValue< 2 >( seed ).data() );
+    writer.writer().put< 2, 2 >( keyOfNumber( n ).data(), wholeValue< 2 >( seed ).data() );
 }
 
 // A file under the role, and what it held at first.
@@ -180,7 +180,7 @@ private:
         switch ( random_() % 8 ) {
         case 0:
         case 1:
-            collection.writer().del< 2 >( keyOf( n ).data() );
+            collection.writer().del< 2 >( keyOfNumber( n ).data() );
             break;
         case 2:
             collection.writer().mark();
@@ -195,14 +195,15 @@ private:
         U64 value[ 2 ];
         U64 version = 0;
         Krell::ReaderTable& table = collection.table();
-        const auto wanted = keyOf( random_() % ( 2 * keys + 8 ) );
+        const auto wanted = keyOfNumber( random_() % ( 2 * keys + 8 ) );
         const U32 slot = U32( random_() % ( random_() % 8 ? 70 : ~U32( 0 ) ) );
         switch ( random_() % 12 ) {
         case 0:
             table.contains( wanted.data() );
             break;
         case 1: {
-            const std::array< std::array< U64, 2 >, 3 > all { wanted, keyOf( 1 ), keyOf( 2 ) };
+            const std::array< std::array< U64, 2 >, 3 > all { wanted, keyOfNumber( 1 ),
+                                                              keyOfNumber( 2 ) };
             table.findMany< 2, 2 >( all[ 0 ].data(), all.size(), []( std::size_t, const U64* ) {} );
             break;
         }
@@ -241,7 +242,7 @@ private:
         reader.asReader();
         std::array< U64, 2 > value {};
         for ( U64 n = 0; n < 4 * keys; ++n ) {
-            EXPECT_TRUE( ( reader.table().find< 2, 2 >( keyOf( n ).data(), value.data() ) ) );
+            EXPECT_TRUE( ( reader.table().find< 2, 2 >( keyOfNumber( n ).data(), value.data() ) ) );
             EXPECT_EQ( value, wholeValue< 2 >( n ) );
         }
     }
@@ -265,7 +266,7 @@ protected:
                 put( writer, n, n + round );
             }
             for ( U64 n = 0; n < 8; ++n ) {
-                writer.writer().del< 2 >( keyOf( 2 * n + round % 2 ).data() );
+                writer.writer().del< 2 >( keyOfNumber( 2 * n + round % 2 ).data() );
             }
         }
         writer.detach();

@@ -30,7 +30,7 @@ constexpr int publishes = 3;
 // Stores that are on their way to memory, oldest first.
 using Buffer = std::vector< int >;
 
-struct State {
+struct ModelState {
     int head = 0, armed = 0, kicks = 0;             // shared
     int writerAt = 0, published = 0, kickedFor = 0; // the writer
     Buffer headStores;
@@ -41,13 +41,13 @@ struct State {
         return std::tie( head, armed, kicks, writerAt, published, kickedFor, headStores, readerAt,
                          seen, ticket, armedStores );
     }
-    bool operator<( const State& o ) const { return key() < o.key(); }
+    bool operator<( const ModelState& o ) const { return key() < o.key(); }
 };
 
 class Model {
 public:
     explicit Model( Broken broken, Fence fence ) : broken_( broken ), fence_( fence ) {
-        explore( State() );
+        explore( ModelState() );
     }
 
     std::size_t states() const { return known_.size(); }
@@ -70,10 +70,10 @@ private:
         disarm,
     };
 
-    void explore( const State& first ) {
-        std::vector< State > open { first };
+    void explore( const ModelState& first ) {
+        std::vector< ModelState > open { first };
         while ( !open.empty() ) {
-            const State state = open.back();
+            const ModelState state = open.back();
             open.pop_back();
             if ( known_.insert( state ).second ) {
                 const std::size_t before = open.size();
@@ -85,30 +85,30 @@ private:
         }
     }
 
-    void count( const State& s, bool isEnd ) {
+    void count( const ModelState& s, bool isEnd ) {
         sleeps_ += s.readerAt == sleep;
         ends_ += isEnd;
         stuck_ += isEnd && !( s.readerAt == sleep && s.seen == s.head && s.published == publishes );
     }
 
-    static void reachStores( const State& s, std::vector< State >& open ) {
+    static void reachStores( const ModelState& s, std::vector< ModelState >& open ) {
         if ( !s.headStores.empty() ) {
-            State next = s;
+            ModelState next = s;
             next.head = next.headStores.front();
             next.headStores.erase( next.headStores.begin() );
             open.push_back( next );
         }
         if ( !s.armedStores.empty() ) {
-            State next = s;
+            ModelState next = s;
             next.armed = next.armedStores.front();
             next.armedStores.erase( next.armedStores.begin() );
             open.push_back( next );
         }
     }
 
-    void reachWriter( const State& s, std::vector< State >& open ) const {
+    void reachWriter( const ModelState& s, std::vector< ModelState >& open ) const {
         const bool lookFirst = broken_ == Broken::writerLooksBeforeItPublishes;
-        State next = s;
+        ModelState next = s;
         switch ( s.writerAt ) {
         case publish:
             if ( s.published == publishes ) {
@@ -146,7 +146,7 @@ private:
     }
 
     // The sleeper's, in the writer's thread: all that this one stored reaches memory, at any place.
-    void fenceInWriter( State& next, Reader place ) const {
+    void fenceInWriter( ModelState& next, Reader place ) const {
         const Reader right = broken_ == Broken::fenceForAllComesBeforeTheTicket    ? earlyFence
                              : broken_ == Broken::fenceForAllComesAfterTheLastLook ? lateFence
                                                                                    : writersFence;
@@ -157,8 +157,8 @@ private:
         }
     }
 
-    void reachReader( const State& s, std::vector< State >& open ) const {
-        State next = s;
+    void reachReader( const ModelState& s, std::vector< ModelState >& open ) const {
+        ModelState next = s;
         switch ( s.readerAt ) {
         case drain:
             next.seen = s.head;
@@ -210,7 +210,7 @@ private:
 
     const Broken broken_;
     const Fence fence_;
-    std::set< State > known_;
+    std::set< ModelState > known_;
     unsigned stuck_ = 0;
     unsigned sleeps_ = 0;
     unsigned ends_ = 0;

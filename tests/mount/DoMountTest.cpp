@@ -69,7 +69,7 @@ public:
     using Entity::Entity;
 };
 constexpr auto describe( const Other* ) { return Qel::entityType< Other >( "DoMountTest::Other" ); }
-const Qel::Unit< Engine, Other > unit( "do mount test" );
+const Qel::Unit< Engine, Other > engineUnit( "do mount test" );
 
 constexpr const char* engine = "DoMountTest::Engine";
 constexpr const char* other = "DoMountTest::Other";

@@ -40,7 +40,7 @@ constexpr auto describe( const Tank* ) {
                                     Qel::indexed( "level", &Tank::level, &Tank::levels ),
                                     QelKrell::collection( "limit", &Tank::limit ) );
 }
-const Qel::Unit< Tank > unit( "find test" );
+const Qel::Unit< Tank > tankUnit( "find test" );
 
 class FindAndCleanup : public testing::Test {
 protected:

@@ -37,7 +37,7 @@ std::vector< MountBench::Plant::Ptr > mountAll( Site& site, const QelKrell::Moun
 }
 
 // Turns its event loop until it is told to update an entry, and so on until nothing more is said.
-void writes( const Channel& channel ) {
+void updates( const Channel& channel ) {
     Site site( false );
     const auto plants = mountAll( site, asWriter( 4 ) );
     channel.say( "ready" );
@@ -144,7 +144,7 @@ bool isWait( long call ) {
 
 TEST( Idle, AProcessWithAHundredReadersMakesNoSystemCall ) {
     const Root root;
-    Child writer( &writes );
+    Child writer( &updates );
     ASSERT_EQ( writer.hear(), "ready" );
     Child reader( [ & ]( const Channel& channel ) { reads( channel, root ); } );
     ASSERT_EQ( reader.hear(), "connected" );

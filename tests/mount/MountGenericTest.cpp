@@ -28,7 +28,7 @@ public:
 constexpr auto describe( const Item* ) {
     return Qel::entityType< Item >( "MountGenericTest::Item" );
 }
-const Qel::Unit< Item > unit( "mount generic test" );
+const Qel::Unit< Item > itemUnit( "mount generic test" );
 
 constexpr const char* constError = "attempting to modify a const instance";
 using Argument = std::pair< String, Qel::GenericValue >;

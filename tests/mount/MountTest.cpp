@@ -31,7 +31,7 @@ public:
     using Qel::Entity::Entity;
 };
 constexpr auto describe( const Thing* ) { return Qel::entityType< Thing >( "MountTest::Thing" ); }
-const Qel::Unit< Thing > unit( "mount test" );
+const Qel::Unit< Thing > thingUnit( "mount test" );
 
 constexpr const char* everything = "KrellMount/*";
 

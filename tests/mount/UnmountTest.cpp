@@ -22,7 +22,7 @@ public:
     using Qel::Entity::Entity;
 };
 constexpr auto describe( const Bare* ) { return Qel::entityType< Bare >( "UnmountTest::Bare" ); }
-const Qel::Unit< Bare > unit( "unmount test" );
+const Qel::Unit< Bare > bareUnit( "unmount test" );
 
 class Unmount : public testing::Test {
 protected:

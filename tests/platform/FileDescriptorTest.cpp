@@ -44,7 +44,7 @@ private:
     int fds_[ 2 ] = { -1, -1 };
 };
 
-class Handler : public Krell::Platform::FdEventHandler {
+class FdHandler : public Krell::Platform::FdEventHandler {
 public:
     void fdEvent( int fd ) override {
         events.push_back( fd );
@@ -56,7 +56,7 @@ public:
     std::function< void() > then;
 };
 
-Message message( unsigned line, const std::string& function, const std::string& text ) {
+Message fdMessage( unsigned line, const std::string& function, const std::string& text ) {
     return { "Krell", "Platform", line, function, 5, "QelKrell::FileDescriptor::" + text };
 }
 
@@ -69,7 +69,7 @@ protected:
 
     Tracing tracing { "" };
     Pipe pipe;
-    Handler handler;
+    FdHandler handler;
     std::unique_ptr< Krell::Platform::FdControl > control { Krell::Platform::getFdControl(
         &handler ) };
 };
@@ -159,18 +159,18 @@ TEST_F( FileDescriptor, MessagesStandWhereTheyStood ) {
     tracing.taken();
     control.reset( Krell::Platform::getFdControl( &handler ) );
     EXPECT_THAT( tracing.taken(),
-                 ElementsAre( message( 179, "FileDescriptor", "FileDescriptor() done, ref:1" ),
-                              message( 145, "orphan", "Notifiee::orphan() fd:-1" ),
-                              message( 199, "delFd", "delFd() deleting fd:-1" ),
-                              message( 136, "~Notifiee", "Notifiee::~Notifiee() fd:-1" ) ) );
+                 ElementsAre( fdMessage( 179, "FileDescriptor", "FileDescriptor() done, ref:1" ),
+                              fdMessage( 145, "orphan", "Notifiee::orphan() fd:-1" ),
+                              fdMessage( 199, "delFd", "delFd() deleting fd:-1" ),
+                              fdMessage( 136, "~Notifiee", "Notifiee::~Notifiee() fd:-1" ) ) );
     control->setFd( pipe.readEnd() );
     EXPECT_THAT( tracing.taken(),
-                 ElementsAre( message( 191, "setFd", "setFd() registering fd:" + fd ) ) );
+                 ElementsAre( fdMessage( 191, "setFd", "setFd() registering fd:" + fd ) ) );
     pipe.put();
     turn();
     adapter().notifiee()->onReadableCount();
     const Message readable =
-        message( 157, "onReadableCount", "onReadableCount() fd:" + fd + " readableCount:1" );
+        fdMessage( 157, "onReadableCount", "onReadableCount() fd:" + fd + " readableCount:1" );
     EXPECT_THAT( tracing.taken(), ElementsAre( readable, readable ) );
     for ( const std::string& context : tracing.contexts() ) {
         EXPECT_EQ( context, "<unknown>" );
@@ -187,11 +187,11 @@ TEST_F( FileDescriptor, MessagesNameTheOldDescriptorAfterDelFd ) {
     control.reset();
     EXPECT_THAT(
         tracing.taken(),
-        ElementsAre( message( 199, "delFd", "delFd() deleting fd:" + fd ),
-                     message( 157, "onReadableCount", "onReadableCount() fd:-1 readableCount:0" ),
-                     message( 145, "orphan", "Notifiee::orphan() fd:" + fd ),
-                     message( 199, "delFd", "delFd() deleting fd:-1" ),
-                     message( 136, "~Notifiee", "Notifiee::~Notifiee() fd:" + fd ) ) );
+        ElementsAre( fdMessage( 199, "delFd", "delFd() deleting fd:" + fd ),
+                     fdMessage( 157, "onReadableCount", "onReadableCount() fd:-1 readableCount:0" ),
+                     fdMessage( 145, "orphan", "Notifiee::orphan() fd:" + fd ),
+                     fdMessage( 199, "delFd", "delFd() deleting fd:-1" ),
+                     fdMessage( 136, "~Notifiee", "Notifiee::~Notifiee() fd:" + fd ) ) );
 }
 
 TEST_F( FileDescriptor, ALateNotificationIsTracedAndDropped ) {
@@ -201,13 +201,13 @@ TEST_F( FileDescriptor, ALateNotificationIsTracedAndDropped ) {
     control.reset();
     tracing.settingsAre( "Krell/5" );
     notifiee->onReadableCount();
-    EXPECT_THAT( tracing.taken(), ElementsAre( message( 118, "onReadableCount",
-                                                        "Notifiee::onReadableCount() fd:" + fd +
-                                                            " ignoring orphan" ) ) );
+    EXPECT_THAT( tracing.taken(), ElementsAre( fdMessage( 118, "onReadableCount",
+                                                          "Notifiee::onReadableCount() fd:" + fd +
+                                                              " ignoring orphan" ) ) );
     EXPECT_THAT( handler.events, IsEmpty() );
     notifiee = nullptr;
     EXPECT_THAT( tracing.taken(),
-                 ElementsAre( message( 136, "~Notifiee", "Notifiee::~Notifiee() fd:" + fd ) ) );
+                 ElementsAre( fdMessage( 136, "~Notifiee", "Notifiee::~Notifiee() fd:" + fd ) ) );
 }
 
 TEST_F( FileDescriptor, TheCoverageStreamSeesEveryMessage ) {

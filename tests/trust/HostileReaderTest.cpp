@@ -28,7 +28,7 @@ using KrellTest::sendRaw;
 using QelKrellTest::Torture;
 
 // What the processes of one round tell.
-struct Tally {
+struct AttackTally {
     std::atomic< U64 > changes;     // by the writer
     std::atomic< U64 > attacks;     // by the hostile reader
     std::atomic< U64 > descriptors; // of the writer, the most
@@ -39,7 +39,7 @@ struct Tally {
     std::atomic< bool > followed;   // the honest reader has seen the last change
 };
 
-constexpr U64 lastKey = 1000;
+constexpr U64 lastOfKeys = 1000;
 
 U64 residentKilobytes() {
     std::ifstream file( "/proc/self/statm" );
@@ -52,7 +52,7 @@ U64 residentKilobytes() {
 // One attacker, with the connections that it keeps.
 class Attacker {
 public:
-    Attacker( std::string path, Tally& tally, U64 seed )
+    Attacker( std::string path, AttackTally& tally, U64 seed )
         : path_( std::move( path ) ), tally_( tally ), random_( seed ) {}
 
     void attack() {
@@ -174,7 +174,7 @@ private:
     }
 
     const std::string path_;
-    Tally& tally_;
+    AttackTally& tally_;
     std::mt19937_64 random_;
     std::vector< Connection > kept_;
 };
@@ -185,7 +185,7 @@ protected:
     static constexpr U64 fewestAttacks = 200;
 
     // Writes beside its event loop until the attack is over and the honest reader is up to date.
-    static int write( Tally& tally, const Milestone& ready, const Milestone& done ) {
+    static int write( AttackTally& tally, const Milestone& ready, const Milestone& done ) {
         Table table;
         table.as( QelKrell::writer, 100 );
         table.put( 0, 1 );
@@ -203,7 +203,7 @@ protected:
                 std::max< U64 >( tally.descriptors, n % 64 ? 0 : QelKrellTest::openDescriptors() );
             done.tellOnce( n >= fewestChanges );
         }
-        table.put( lastKey, 1 );
+        table.put( lastOfKeys, 1 );
         while ( !tally.followed || table.doorbell()->connections() > 1 ) {
             Qel::System::runOnce( 0.1 );
         }
@@ -213,11 +213,11 @@ protected:
         tally.kilobytes = std::max( residentKilobytes(), kilobytes ) - kilobytes;
         return 0;
     }
-    static int follow( Tally& tally ) {
+    static int follow( AttackTally& tally ) {
         Table table;
         table.as( QelKrell::shadow );
         const auto there = [ & ] {
-            U64 key = lastKey;
+            U64 key = lastOfKeys;
             return table.view() && table.view()->find( &key );
         };
         while ( !there() ) {
@@ -227,7 +227,10 @@ protected:
         tally.followed = true;
         return 0;
     }
-    static int attack( const Grounds& grounds, Tally& tally, U64 seed, const Milestone& done ) {
+    static int attack( const Grounds& grounds,
+                       AttackTally& tally,
+                       U64 seed,
+                       const Milestone& done ) {
         if ( whyNoUsers().empty() && !become( member ) ) {
             return 1;
         }
@@ -249,7 +252,7 @@ TEST_F( HostileReaderTest, HarmsItselfOnly ) {
         SCOPED_TRACE( testing::Message()
                       << "KRELL_SEED=" << torture.seed() << " round " << torture.rounds() );
         const Grounds grounds( 0750 );
-        const Shared< Tally > tally;
+        const Shared< AttackTally > tally;
         const Milestones started;
         const Milestones done;
         Process writer( [ & ] {

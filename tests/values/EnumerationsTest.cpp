@@ -52,8 +52,8 @@ protected:
     using T = Traits< E >;
     static constexpr unsigned count = unsigned( T::values.size() );
 };
-using Both = testing::Types< QelKrellType, QelMountStatus >;
-TYPED_TEST_SUITE( Enumeration, Both );
+using Names = testing::Types< QelKrellType, QelMountStatus >;
+TYPED_TEST_SUITE( Enumeration, Names );
 
 TYPED_TEST( Enumeration, EveryValueHasItsName ) {
     using T = Traits< TypeParam >;

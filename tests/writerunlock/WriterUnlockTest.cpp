@@ -14,9 +14,9 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 // Writes what it is told, under its name.
-class Reactor : public QelKrell::WriterUnlock::Notifiee {
+class UnlockReactor : public QelKrell::WriterUnlock::Notifiee {
 public:
-    Reactor( std::string name, std::vector< std::string >& log )
+    UnlockReactor( std::string name, std::vector< std::string >& log )
         : name_( std::move( name ) ), log_( log ) {}
     void onCount() override { add( "count" ); }
     void onIsNondestructing() override { add( "isNondestructing" ); }
@@ -38,8 +38,8 @@ private:
 
 class WriterUnlock : public testing::Test {
 protected:
-    Qel::Ptr< Reactor > reactor( const std::string& name ) {
-        Qel::Ptr< Reactor > made = new Reactor( name, log );
+    Qel::Ptr< UnlockReactor > reactor( const std::string& name ) {
+        Qel::Ptr< UnlockReactor > made = new UnlockReactor( name, log );
         made->notifierIs( counter );
         made->isRegisteredNotifieeIs( true );
         return made;
@@ -118,7 +118,7 @@ TEST_F( WriterUnlock, OneDetachedBeforeItsTurnIsSkipped ) {
 
 TEST_F( WriterUnlock, OneAttachedMeanwhileWaitsForTheNextRound ) {
     const auto a = reactor( "a" );
-    Qel::Ptr< Reactor > b;
+    Qel::Ptr< UnlockReactor > b;
     a->then = [ & ] {
         if ( !b ) {
             b = reactor( "b" );
