@@ -70,7 +70,9 @@ public:
     // On to where the next system call is about to be made: what the kernel was to do has not been
     // done yet. False when there is none any more: the body has ended, or the child is gone.
     bool toCall() {
-        finishCall();
+        if ( !finishCall() ) {
+            return false;
+        }
         while ( toStopAtCall() ) {
             const __ptrace_syscall_info info = callInfo();
             if ( info.op == PTRACE_SYSCALL_INFO_ENTRY ) {

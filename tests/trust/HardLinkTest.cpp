@@ -1,9 +1,11 @@
-// A hard link in the place of a lock file or a segment let the writer change the file elsewhere.
+// A hard link in the place of a lock file or a segment let the writer change the file elsewhere; also
+// one that was taken away again between the opening of the file and the look at its names.
 
 #include <fstream>
 
 #include <gtest/gtest.h>
 
+#include "Tracer.h"
 #include "mount/Site.h"
 #include "trust/Table.h"
 #include "trust/Users.h"
@@ -49,6 +51,45 @@ TEST_F( HardLinkTest, InPlaceOfASegmentIsRefused ) {
     }
     Table table;
     EXPECT_TRUE( table.as( QelKrell::writer ).contents().contains( 1 ) ) << "nothing was lost";
+}
+
+// Until the writer comes to its nth system call, and then the file is what it was.
+TEST_F( HardLinkTest, TakenAwayAtAnySystemCallIsNotWrittenThrough ) {
+    const std::string aside = root.path() + "/aside";
+    for ( const char* name : { "slots", "buckets", "last-owner" } ) {
+        unsigned refused = 0;
+        bool over = false;
+        for ( unsigned call = 1; !over; ++call ) {
+            SCOPED_TRACE( testing::Message() << name << " until call " << call );
+            fs::copy_file( file( name ), elsewhere() );
+            const std::string before = bytesOf( elsewhere() );
+            fs::rename( file( name ), aside );
+            fs::create_hard_link( elsewhere(), file( name ) );
+            std::string refusal;
+            QelKrellTest::Tracer writer(
+                [] {},
+                [] {
+                    if ( refusalOf( [] { Table().as( QelKrell::writer ).put( 2, 2 ); } ) != "" ) {
+                        throw std::runtime_error( "refused" );
+                    }
+                } );
+            if ( !writer.allowed() ) {
+                GTEST_SKIP() << "ptrace is not allowed here";
+            }
+            ASSERT_TRUE( writer.stopped() );
+            unsigned made = 0;
+            while ( made < call && writer.toCall() ) {
+                ++made;
+            }
+            over = made < call;
+            fs::rename( aside, file( name ) );
+            refused += WEXITSTATUS( writer.finish() ) == QelKrellTest::Tracer::failed_;
+            EXPECT_TRUE( bytesOf( elsewhere() ) == before ) << "it was written";
+            fs::remove( elsewhere() );
+        }
+        EXPECT_GT( refused, 0U ) << name;
+        EXPECT_EQ( refusalOf( [] { Table().as( QelKrell::writer ); } ), "" );
+    }
 }
 
 } // namespace

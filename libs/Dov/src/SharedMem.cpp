@@ -160,14 +160,18 @@ std::size_t SharedMem::memSize() const noexcept {
     }
     const KeepErrno keeper;
     struct stat status;
-    const bool byPath = directoryFd_ < 0;
-    const std::string where = byPath ? path() : name_;
-    if ( ::fstatat( byPath ? AT_FDCWD : directoryFd_, where.c_str(), &status,
-                    AT_SYMLINK_NOFOLLOW ) != 0 ||
-         !S_ISREG( status.st_mode ) || std::uintmax_t( status.st_size ) > SIZE_MAX ) {
+    if ( !statusOfName( status ) || !S_ISREG( status.st_mode ) ||
+         std::uintmax_t( status.st_size ) > SIZE_MAX ) {
         return 0;
     }
     return std::size_t( status.st_size );
+}
+
+// Of what the name means now.
+bool SharedMem::statusOfName( struct stat& status ) const noexcept {
+    const bool byPath = directoryFd_ < 0;
+    return ::fstatat( byPath ? AT_FDCWD : directoryFd_, ( byPath ? path() : name_ ).c_str(),
+                      &status, AT_SYMLINK_NOFOLLOW ) == 0;
 }
 
 std::string SharedMem::path() const { return directory_ + "/" + name_; }
@@ -271,8 +275,8 @@ bool SharedMem::sizeOfFile( std::size_t& size ) {
     if ( !S_ISREG( status.st_mode ) ) {
         return failed( "open", EINVAL, "not a regular file" );
     }
-    if ( mode_ == readWrite && status.st_nlink > 1 ) {
-        return failed( "open", EMLINK, "the file has another name too" );
+    if ( mode_ == readWrite && !hasOneName( status ) ) {
+        return false;
     }
     if ( std::uintmax_t( status.st_size ) > std::uintmax_t( PTRDIFF_MAX ) ) {
         return failed( "open", EFBIG, "the file is larger than the address space" );
@@ -283,6 +287,19 @@ bool SharedMem::sizeOfFile( std::size_t& size ) {
     }
     size = std::size_t( status.st_size );
     return true;
+}
+
+// Nothing is written to a file that somebody linked here from elsewhere. File and number of names
+// are compared by one look at the name: it may have been linked and be unlinked again by now.
+bool SharedMem::hasOneName( const struct stat& file ) {
+    struct stat named;
+    if ( !statusOfName( named ) ) {
+        return failed( "fstatat", errno );
+    }
+    if ( named.st_dev != file.st_dev || named.st_ino != file.st_ino ) {
+        return failed( "open", ESTALE, "now names another file" );
+    }
+    return named.st_nlink <= 1 || failed( "open", EMLINK, "the file has another name too" );
 }
 
 bool SharedMem::isOurs( const char* call ) {
@@ -378,12 +395,9 @@ void SharedMem::closeFile() noexcept {
 void SharedMem::removeCreated() noexcept {
     const KeepErrno keeper;
     struct stat status;
-    const bool byPath = directoryFd_ < 0;
-    const int base = byPath ? AT_FDCWD : directoryFd_;
-    const std::string where = byPath ? path() : name_;
-    if ( ::fstatat( base, where.c_str(), &status, AT_SYMLINK_NOFOLLOW ) == 0 &&
-         status.st_dev == device_ && status.st_ino == inode_ ) {
-        ::unlinkat( base, where.c_str(), 0 );
+    if ( statusOfName( status ) && status.st_dev == device_ && status.st_ino == inode_ ) {
+        const bool byPath = directoryFd_ < 0;
+        ::unlinkat( byPath ? AT_FDCWD : directoryFd_, ( byPath ? path() : name_ ).c_str(), 0 );
     }
     created_ = false;
 }

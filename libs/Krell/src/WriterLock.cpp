@@ -29,17 +29,6 @@ U64 thisProcess() noexcept {
     return U64( forks.load( std::memory_order_relaxed ) ) << 32 | U32( ::getpid() );
 }
 
-// Nothing is written to a file that somebody linked here from elsewhere.
-void needNoOtherName( const Fd& file, const std::string& path ) {
-    struct stat status;
-    if ( ::fstat( file.get(), &status ) != 0 ) {
-        throwSystemFailure( "fstat", path, errno );
-    }
-    if ( status.st_nlink > 1 ) {
-        throw RuntimeException( "openat " + path + ": the file has another name too" );
-    }
-}
-
 } // namespace
 
 // The locks that this process holds. Everything that opens or closes a lock file does so under the
@@ -110,16 +99,20 @@ WriterLock::FileId WriterLock::idOf( int fd, const std::string& path ) {
     return { status.st_dev, status.st_ino };
 }
 
-// The file that the name means now.
-std::optional< WriterLock::FileId > WriterLock::idOfName( const Directory& directory ) {
+// The file that the name means now, and by how many names it goes.
+std::optional< WriterLock::Named > WriterLock::named( const Directory& directory ) {
     struct stat status;
     if ( ::fstatat( directory.fd(), fileName_, &status, AT_SYMLINK_NOFOLLOW ) == 0 ) {
-        return FileId { status.st_dev, status.st_ino };
+        return Named { { status.st_dev, status.st_ino }, status.st_nlink };
     }
     if ( errno != ENOENT ) {
         throwSystemFailure( "fstatat", directory.pathOf( fileName_ ), errno );
     }
     return std::nullopt;
+}
+std::optional< WriterLock::FileId > WriterLock::idOfName( const Directory& directory ) {
+    const std::optional< Named > file = named( directory );
+    return file ? std::optional( file->id ) : std::nullopt;
 }
 
 WriterLock::~WriterLock() { unlock(); }
@@ -185,10 +178,13 @@ WriterLock::Attempt WriterLock::settle( const Directory& directory,
         owner_ = ownerIn( file );
         return holder_ == 0 ? Attempt::again : Attempt::refused; // 0: gone since
     }
-    if ( idOfName( directory ) != id ) {
+    const std::optional< Named > now = named( directory );
+    if ( !now || now->id != id ) {
         return Attempt::again; // a lock on a file that nobody else will find
     }
-    needNoOtherName( file, path_ );
+    if ( now->names > 1 ) { // nothing is written to a file that was linked here from elsewhere
+        throw RuntimeException( "openat " + path_ + ": the file has another name too" );
+    }
     owner_ = ownerIn( file );
     const ReignLine reign = number( file );
     registry.insert( id, std::move( file ), owner_, reign );
