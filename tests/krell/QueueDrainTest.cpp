@@ -14,13 +14,13 @@ using Keys = std::vector< U64 >;
 
 namespace {
 
-constexpr U32 slots = 300; // the queue has a page of places
+constexpr U32 slotsOfQueue = 300; // the queue has a page of places
 
 class QueueDrainTest : public testing::Test {
 protected:
     void SetUp() override { open(); }
     void open() {
-        writer = std::make_unique< QueueWriterSide >( place, slots );
+        writer = std::make_unique< QueueWriterSide >( place, slotsOfQueue );
         reader = std::make_unique< QueueReaderSide >( place );
         reader->keys();
     }
@@ -197,7 +197,7 @@ TEST_F( QueueDrainTest, EveryShortHistoryOfChangesAndStopsIsTold ) {
 TEST_F( QueueDrainTest, AReaderAtTheTailIsToldAllAndOneBehindItWalks ) {
     for ( const bool passed : { false, true } ) {
         QueuePlace here;
-        QueueWriterSide side( here, slots );
+        QueueWriterSide side( here, slotsOfQueue );
         QueueReaderSide late( here );
         late.keys(); // stands at the first position
         const U64 first = side.tail();
@@ -216,7 +216,7 @@ TEST_F( QueueDrainTest, AReaderAtTheTailIsToldAllAndOneBehindItWalks ) {
         EXPECT_EQ( late.keys(), range( 0, 40 ) );
         EXPECT_EQ( late.last, Drain::end );
         EXPECT_EQ( late.queue.counts().restarts, passed ? 2U : 1U );
-        EXPECT_EQ( late.queue.counts().probes >= slots, passed );
+        EXPECT_EQ( late.queue.counts().probes >= slotsOfQueue, passed );
         EXPECT_EQ( late.queue.sequence(), side.table.sequence() );
         EXPECT_EQ( late.keys(), Keys() );
     }
