@@ -1,5 +1,5 @@
-// A hard link in the place of a lock file or a segment let the writer change the file elsewhere; also
-// one that was taken away again between the opening of the file and the look at its names.
+// A hard link in the place of a lock file or a segment let the writer change the file elsewhere;
+// also one that was taken away again between the opening of the file and the look at its names.
 
 #include <fstream>
 
