@@ -40,8 +40,9 @@ public:
         } else {
             seed_ = std::random_device()();
         }
-        if ( isLong() ) {
-            std::signal( SIGINT, []( int ) { interrupted() = 1; } );
+        if ( isLong() ) { // asked for between rounds: it interrupts no system call of a round
+            const sigset_t interrupt = onlyInterrupt();
+            ::sigprocmask( SIG_BLOCK, &interrupt, nullptr );
         }
     }
     ~Torture() {
@@ -81,9 +82,15 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    static volatile std::sig_atomic_t& interrupted() {
-        static volatile std::sig_atomic_t flag = 0;
-        return flag;
+    static sigset_t onlyInterrupt() {
+        sigset_t set;
+        ::sigemptyset( &set );
+        ::sigaddset( &set, SIGINT );
+        return set;
+    }
+    static bool interrupted() {
+        sigset_t pending;
+        return ::sigpending( &pending ) == 0 && ::sigismember( &pending, SIGINT ) == 1;
     }
     static std::chrono::duration< double > longTime() {
         const char* const seconds = std::getenv( "QELKRELL_TORTURE" );
