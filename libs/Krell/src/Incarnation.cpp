@@ -138,9 +138,12 @@ bool Incarnation::tryAttach( Platform::DebugHandler& handler,
         return false;
     }
     if ( !segments_->layoutIsSame() ) {
+        const Layout stored = segments_->storedLayout();
+        const std::string differences = layout.differences( stored );
         throw InvalidInitializeException( directory->path() + ": the collection holds " +
-                                          segments_->storedLayout() + ", but this process wants " +
-                                          layout.describe() );
+                                          stored.describe() + ", but this process wants " +
+                                          layout.describe() +
+                                          ( differences.empty() ? "" : "; " + differences ) );
     }
     if ( !segments_->extentsAreValid( reason_ ) ) {
         throw CorruptionDetectedException( reason_ );
@@ -183,7 +186,7 @@ bool Incarnation::takeOver( Platform::DebugHandler& handler,
         return false;
     }
     if ( !segments->layoutIsSame() ) {
-        return useless( "the layout was " + segments->storedLayout() );
+        return useless( "the layout was " + segments->storedLayout().describe() );
     }
     if ( segments->flags() & Segments::superseded_ ) {
         return useless( "the collection was being taken away" );

@@ -229,10 +229,7 @@ void Segments::locate() noexcept {
     linesMapped_ = whole ? ( bucketsSize - arraysAt ) / lineSize : 0;
 }
 
-std::string Segments::storedLayout() const {
-    if ( !header_ ) {
-        return "nothing";
-    }
+Layout Segments::storedLayout() const {
     const SlotHeader slots( *header_ );
     Layout stored;
     stored.entityType = textField( slots.entityType );
@@ -248,7 +245,7 @@ std::string Segments::storedLayout() const {
         stored.text =
             copyText( start + textAt, std::min( buckets.textSize, U32( Layout::textLimit_ ) ) );
     }
-    return stored.describe();
+    return stored;
 }
 
 bool Segments::layoutIsSame() const {
