@@ -1,0 +1,31 @@
+// A plug-in's type, as it was in the first version of a product.
+
+#include <Qel/TypeLibrary>
+#include <QelKrell/Collection>
+
+namespace Plug {
+
+struct Reading {
+    Qel::U32 sensor = 0;
+    double celsius = 0;
+    Qel::U64 takenAt = 0;
+};
+constexpr auto describe( const Reading* ) {
+    return Qel::valueType< Reading >( "Plug::Reading", Qel::attribute( "sensor", &Reading::sensor ),
+                                      Qel::attribute( "celsius", &Reading::celsius ),
+                                      Qel::attribute( "takenAt", &Reading::takenAt ) );
+}
+
+class Plant : public Qel::Entity {
+public:
+    using Qel::Entity::Entity;
+    QelKrell::Collection< &Reading::sensor > reading;
+};
+constexpr auto describe( const Plant* ) {
+    return Qel::entityType< Plant >( "Plug::Plant",
+                                     QelKrell::collection( "reading", &Plant::reading ) );
+}
+
+} // namespace Plug
+
+QEL_TYPES( "plug", Plug::Reading, Plug::Plant );

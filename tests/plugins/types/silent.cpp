@@ -1,0 +1,4 @@
+// A library that lists no types.
+
+extern "C" int plugSilent();
+int plugSilent() { return 0; }
