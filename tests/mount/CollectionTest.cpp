@@ -248,6 +248,25 @@ TEST_F( CollectionByName, EntriesAreReadSetAndDeleted ) {
     EXPECT_EQ( keys[ 0 ].strep(), "8" );
 }
 
+TEST_F( CollectionByName, ChangesAreToldWhileTheWatchLives ) {
+    std::vector< Qel::String > told;
+    auto watch = constant->attributeWatch(
+        "reading", [ & ]( const Qel::GenericValue& key ) { told.push_back( key.strep() ); } );
+    EXPECT_EQ( constant->attributeIndexType( "reading" )->fullName(), "U32" );
+    plant->reading.is( { 7, 1, 2 } );
+    generic->attributeDel( "reading", seven );
+    EXPECT_THAT( told, ElementsAre( "7", "7" ) );
+    watch = nullptr;
+    plant->reading.is( { 7, 1, 2 } );
+    EXPECT_EQ( told.size(), 2u );
+    EXPECT_EQ( raised< Qel::BadIndexException >(
+                   [ & ] { constant->attributeWatch( "staff", []( const auto& ) {} ); } ),
+               "bad index on attribute 'staff': it takes none" );
+    EXPECT_FALSE( raised< Qel::UnknownAttributeException >( [ & ] {
+                      constant->attributeWatch( "none", []( const auto& ) {} );
+                  } ).empty() );
+}
+
 TEST_F( CollectionByName, TheControlIsReadButNotSet ) {
     const auto control = generic->attribute( "readingControl" );
     ASSERT_TRUE( control.as< QelKrell::CollectionControl >() );

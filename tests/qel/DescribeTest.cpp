@@ -214,6 +214,9 @@ TEST_F( DescribeGeneric, ReadsWritesAndCallsByName ) {
     generic->attributeIs( "load", genericValue( "a" ), genericValue( 3u ) );
     EXPECT_EQ( generic->attribute( "load", genericValue( "a" ) ).strep(), "3" );
     EXPECT_THAT( generic->attributeIndices( "load" ), ElementsAre( genericValue( "a" ) ) );
+    EXPECT_EQ( generic->attributeIndexType( "load" )->fullName(), "Qel::String8" );
+    EXPECT_THROW( generic->attributeWatch( "load", []( const Qel::GenericValue& ) {} ),
+                  Qel::OpNotSupportedException );
     generic->attributeDel( "load", genericValue( "a" ) );
     EXPECT_EQ( generic->attribute( "load", genericValue( "a" ) ).strep(), "0" );
     const auto result = generic->call( "run", { { "times", genericValue( 2u ) },

@@ -88,6 +88,11 @@ GenericValue AttrAccess::call( void*, const std::vector< GenericValue >& ) const
     throw OpNotSupportedException( "the attribute is not an operation" );
 }
 
+Ptr< QelType > AttrAccess::indexType() const { return nullptr; }
+Ptr< Counted > AttrAccess::watch( const void*, IndexReaction ) const {
+    throw OpNotSupportedException( "the attribute tells no changes" );
+}
+
 GenericIf::GenericIf( const Ptr< QelType >& type ) : type_( type ) {}
 GenericIf::~GenericIf() = default;
 
@@ -192,6 +197,16 @@ GenericValue GenericIf::attribute( const String& name, const GenericValue& index
 std::vector< GenericValue > GenericIf::attributeIndices( const String& name ) const {
     const QelAttr& attr = data( name, true );
     return attr.access->indices( object( attr ) );
+}
+
+Ptr< QelType > GenericIf::attributeIndexType( const String& name ) const {
+    return data( name, true ).access->indexType();
+}
+
+Ptr< Counted > GenericIf::attributeWatch( const String& name,
+                                          AttrAccess::IndexReaction reaction ) const {
+    const QelAttr& attr = data( name, true );
+    return attr.access->watch( object( attr ), std::move( reaction ) );
 }
 
 void GenericIf::attributeIs( const String& name, const GenericValue& value ) {
