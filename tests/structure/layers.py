@@ -24,6 +24,7 @@ FOREIGN = {
     "tests": ("gtest/", "gmock/"),
     "bench": ("benchmark/", "absl/", "boost/", "hiredis/", "urcu/"),
     "bindings": ("pybind11/",),
+    "tools": ("CLI/", "nlohmann/"),
 }
 
 INCLUDE = re.compile(r'^[ \t]*#[ \t]*include[ \t]*([<"])([^>"\n]+)[>"]', re.MULTILINE)

@@ -65,7 +65,9 @@ DoorbellSocket connectTo( const Fd& file, const std::string& path ) {
 
 // The file of a page of this process, and the only mapping that can write it.
 std::pair< Fd, DoorbellPagePtr > makePage( const std::string& path ) {
-    Fd file( ::memfd_create( "krell-doorbell", MFD_CLOEXEC | MFD_ALLOW_SEALING ) );
+    const std::size_t cut = path.size() - std::min( path.size(), DoorbellPage::pathLimit_ );
+    const std::string name = DoorbellPage::name_ + path.substr( cut );
+    Fd file( ::memfd_create( name.c_str(), MFD_CLOEXEC | MFD_ALLOW_SEALING ) );
     if ( !file ) {
         throwSystemFailure( "memfd_create", path, errno );
     }
@@ -180,7 +182,9 @@ void DoorbellCaller::disarm() noexcept {
 
 void DoorbellCaller::consumedIs( U64 sequence ) noexcept {
     if ( state() == State::connected ) {
-        Dov::Atomics::storeRelease( &page_->consumed( line_ ), sequence );
+        DoorbellPage::Line& progress = page_->progress( line_ );
+        Dov::Atomics::storeRelease( &progress.word, sequence );
+        Dov::Atomics::storeRelease( &progress.mark, DoorbellPage::progressMark_ );
     }
 }
 

@@ -75,6 +75,20 @@ bool ReaderTable::contains( const U64* key ) {
     } );
 }
 
+bool ReaderTable::copyValue( const U64* key, U64* value ) {
+    if ( !segments_ ) {
+        return false;
+    }
+    const U32 words = segments_->layout().keyWords();
+    return search( hashWords( key, words ), [ & ]( U32 index ) {
+        U64 found[ Layout::wordsOf( Layout::sizeLimit_ ) ];
+        U64 version = 0;
+        const bool same = copySlot( index, found, value, version ) &&
+                          std::equal( key, key + words, found );
+        return same ? Walk::found : Walk::absent;
+    } );
+}
+
 bool ReaderTable::copySlot( U32 index, U64* key, U64* value, U64& version ) {
     if ( !segments_ || ( index >= segments_->slotsMapped() && index >= slotCount() ) ) {
         return false;
