@@ -36,7 +36,8 @@ MOUNT = """
 
 
 def blocks(document, language):
-    text = open(os.path.join(SOURCE, document), encoding="utf-8").read()
+    with open(os.path.join(SOURCE, document), encoding="utf-8") as file:
+        text = file.read()
     return re.findall(r"^```" + language + r"\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)
 
 
