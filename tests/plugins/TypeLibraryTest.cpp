@@ -145,6 +145,25 @@ TEST( TypeLibraryTest, ALoadedTypeIsMountedWrittenAndReadByName ) {
                              "3})" );
 }
 
+// Two versions cannot be in one process: the later is refused, each time, and the former works on.
+TEST( TypeLibraryTest, AnotherVersionOfAKnownTypeIsRefused ) {
+    const Root root;
+    Child child( []( const Channel& channel ) {
+        Qel::loadTypes( library( "first" ) );
+        channel.say( what( [] { Qel::loadTypes( library( "second" ) ); } ) );
+        channel.say( what( [] { Qel::loadTypes( library( "second" ) ); } ) );
+        const Qel::String text = "Value('Plug::Reading', ** {'sensor': 7, 'celsius': 21.5, "
+                                 "'takenAt': 3})";
+        channel.say( valueOf( "Plug::Reading", text ).strep().stdString() );
+    } );
+    const std::string refusal = library( "second" ) +
+                                ": there is another type named Plug::Reading already: of the new "
+                                "one, celsius is float, not double";
+    EXPECT_EQ( child.hear(), refusal );
+    EXPECT_EQ( child.hear(), refusal );
+    EXPECT_THAT( child.hear(), HasSubstr( "'takenAt': 3" ) );
+}
+
 // A process of one version meets the collection of another.
 TEST( TypeLibraryTest, AnotherVersionIsRefusedWithTheAttributesThatDiffer ) {
     const Root root;

@@ -1,6 +1,7 @@
 #include <Qel/Introspection>
 
 #include <mutex>
+#include <utility>
 
 namespace Qel {
 
@@ -41,6 +42,8 @@ std::vector< String >& units() {
     return *list;
 }
 
+thread_local RefusedUnits* listener = nullptr;
+
 } // namespace
 
 IntrospectionReactor::~IntrospectionReactor() = default;
@@ -60,6 +63,27 @@ IntrospectionReactor& introspectionReactor() {
 void unitRegisteredIs( const String& unit ) {
     const std::lock_guard guard( unitsMutex );
     units().push_back( unit );
+}
+
+void unitRefusedIs( const RangeException& why ) {
+    if ( !listener ) {
+        throw;
+    }
+    if ( listener->first_.empty() ) {
+        listener->first_ = why.what();
+    }
+}
+
+RefusedUnits::RefusedUnits() : outer_( std::exchange( listener, this ) ) {}
+RefusedUnits::~RefusedUnits() { listener = outer_; }
+
+void needSameTable( const QelType& known, const Ptr< QelType >& made ) {
+    made->ops().describe( introspectionReactor(), made );
+    const String difference = known.differenceOf( *made );
+    if ( !difference.empty() ) {
+        throw RangeException( "there is another type named " + known.fullName() +
+                              " already: of the new one, " + difference );
+    }
 }
 
 std::vector< String > registeredUnits() {

@@ -28,6 +28,14 @@ Registry& registry() {
     return *r;
 }
 
+String kindOf( const QelAttr& attr ) {
+    const String type = attr.typeName.empty() ? String( "nothing" ) : attr.typeName;
+    if ( attr.isFunction() ) {
+        return "an operation that returns " + type;
+    }
+    return attr.isCollection() ? "a collection of " + type : type;
+}
+
 } // namespace
 
 QelAttr::QelAttrIntrospectionFlags::QelAttrIntrospectionFlags( U32 value ) : value_( value ) {
@@ -109,6 +117,31 @@ const QelAttr* QelType::attr( U32 id ) const noexcept {
 String QelType::attrName( U32 id ) const {
     const QelAttr* a = attr( id );
     return a ? a->name : String( "unknown" );
+}
+
+String QelType::differenceOf( const QelType& other ) const {
+    for ( const auto& a : attrs_ ) {
+        const QelAttr* const b = other.attr( a->name );
+        if ( !b ) {
+            return "it has no " + a->name;
+        }
+        if ( a->typeName != b->typeName || a->flags.value() != b->flags.value() ) {
+            return a->name + " is " + kindOf( *b ) + ", not " + kindOf( *a );
+        }
+        if ( a->id != b->id ) {
+            return a->name + " has another place";
+        }
+    }
+    if ( other.attrs_.size() > attrs_.size() ) {
+        return "it has " + other.attrs_[ attrs_.size() ]->name + " more";
+    }
+    if ( enumValues_ != other.enumValues_ ) {
+        return "it has other values";
+    }
+    if ( ops_.size != other.ops_.size ) {
+        return "it has " + decimal( other.ops_.size ) + " bytes, not " + decimal( ops_.size );
+    }
+    return String();
 }
 
 void QelType::enumValueIs( S64 number, const String& name ) {

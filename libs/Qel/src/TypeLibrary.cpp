@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <string_view>
 
 #include <dlfcn.h>
@@ -142,8 +143,16 @@ std::vector< String > loadTypes( const std::string& path ) {
     const std::vector< String > names = typeNamesIn( path );
     // Without "/" the linker would look elsewhere.
     const std::string file = path.find( '/' ) == std::string::npos ? "./" + path : path;
-    if ( !::dlopen( file.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE ) ) {
+    const RefusedUnits refused;
+    void* const library = ::dlopen( file.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE );
+    if ( !library ) {
         throw RangeException( String( "cannot load " ) + ::dlerror() );
+    }
+    // It stays, and its static objects are not made a second time.
+    static std::map< void*, String > refusals;
+    const String& refusal = refusals.try_emplace( library, refused.first() ).first->second;
+    if ( !refusal.empty() ) {
+        throw RangeException( String( path.c_str() ) + ": " + refusal );
     }
     for ( const String& name : names ) {
         if ( !QelType::typeNode( name ) ) {
