@@ -16,12 +16,14 @@ import threading
 import time
 
 import pytest
+from prometheus_client.parser import text_string_to_metric_families
 
 BIN = os.environ["QELKRELL_BIN"]
 LIB = os.environ["QELKRELL_LIB"]
 TYPES = os.path.join(LIB, "libplant-types.so")
 PLANT = "/site/Krell/north/plant"
 READING = PLANT + "/reading"
+DASHBOARD = os.path.join(os.path.dirname(__file__), "..", "dashboard.json")
 PATIENCE = 60  # seconds
 
 
@@ -269,28 +271,42 @@ qelkrell.Site("site").mount({place!r}, "Plug::Plant", "writer")
     assert any("value celsius: double@0 there, float@0 here" in what for _, what in found), found
 
 
+def families():
+    """{name: family} of what the ecosystem's own parser makes of it."""
+    return {family.name: family for family in text_string_to_metric_families(krell("metrics"))}
+
+
 def test_metrics_are_of_prometheus_form(writer, reader):
-    text = krell("metrics")
-    helped, typed, values = set(), {}, {}
-    for line in text.splitlines():
-        if match := re.fullmatch(r"# HELP (\w+) (\S.*\.)", line):
-            helped.add(match[1])
-        elif match := re.fullmatch(r"# TYPE (\w+) (gauge|counter)", line):
-            typed[match[1]] = match[2]
-        else:
-            match = re.fullmatch(r'(\w+)(?:\{((?:\w+="(?:[^"\\]|\\.)*",?)*)\})? (\S+)', line)
-            assert match, line
-            values[match[1]] = float(match[3])
-    assert set(values) <= helped == set(typed)
-    for name, kind in typed.items():
+    found = families()
+    for name, family in found.items():
         assert name.startswith("krell_")
-        assert (kind == "counter") == name.endswith("_total")
+        assert family.documentation.endswith(".")
+        assert family.type in ("gauge", "counter")
+    values = {sample.name: sample.value for family in found.values() for sample in family.samples}
     assert values["krell_collection_entries"] == 2
     assert values["krell_collection_changes_total"] == 2
     assert values["krell_collection_writer_up"] == 1
     assert values["krell_collection_readers"] == 1
+    assert values["krell_collection_faulty"] == 0
     assert values["krell_reader_lag_changes"] == 0
-    assert f'pid="{reader.pid}"' in text
+    (lag,) = found["krell_reader_lag_changes"].samples
+    assert lag.labels == {"entity": PLANT, "collection": "reading", "command": "plant-reader",
+                          "pid": str(reader.pid)}
+
+
+def test_the_dashboard_asks_for_metrics_that_there_are(writer, reader):
+    with open(DASHBOARD, encoding="utf-8") as file:
+        dashboard = json.load(file)
+    queries = [target["expr"] for panel in dashboard["panels"] for target in panel["targets"]]
+    queries += [variable["query"] for variable in dashboard["templating"]["list"]]
+    asked = set(re.findall(r"\bkrell_\w+", " ".join(queries)))
+    samples = {sample.name: sample.labels for family in families().values()
+               for sample in family.samples}
+    assert asked == set(samples)  # each that there is, too
+    for name, labels in samples.items():
+        assert name == "krell_hidden_processes" or {"entity", "collection"} <= set(labels)
+    for query in queries:
+        assert all(query.count(a) == query.count(b) for a, b in ("()", "{}", "[]")), query
 
 
 def test_nothing_is_changed_by_looking(writer, root):
