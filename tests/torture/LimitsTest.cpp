@@ -75,8 +75,11 @@ struct Held {
     Held() {
         std::ifstream maps( "/proc/self/maps" );
         for ( std::string line; std::getline( maps, line ); ) {
-            files += line.find( std::getenv( "KRELL_ROOT" ) ) != std::string::npos;
-            pages += line.find( "/memfd:" ) != std::string::npos;
+            if ( line.find( "/memfd:" ) != std::string::npos ) {
+                ++pages; // whose names end in the path of the collection
+            } else {
+                files += line.find( std::getenv( "KRELL_ROOT" ) ) != std::string::npos;
+            }
         }
     }
 };
