@@ -21,10 +21,10 @@ using QelKrellTest::Tracer;
 
 namespace {
 
-constexpr std::uintmax_t page = 4096;
+constexpr std::uintmax_t pageBytes = 4096;
 
 // What the child found; shared with it.
-struct Tally {
+struct CutTally {
     unsigned good = 0;     // answers that were right
     unsigned reported = 0; // calls that reported corruption
     unsigned torn = 0;
@@ -32,7 +32,7 @@ struct Tally {
     unsigned late = 0; // of these, after a follower looked at the sizes of the files
     Wrong wrong;       // anything else that must not be
 };
-using SharedTally = Shared< Tally >;
+using SharedTally = Shared< CutTally >;
 
 // The keys 1 to `keys`, and a process that works on them.
 class Worker {
@@ -294,7 +294,7 @@ protected:
         std::uintmax_t length = random() % ( size + 1 );
         atPage = random() % 3 != 0;
         if ( atPage ) {
-            length = length / page * page;
+            length = length / pageBytes * pageBytes;
         }
         EXPECT_EQ( ::truncate( file.c_str(), off_t( length ) ), 0 );
         torture.count( "truncations" );

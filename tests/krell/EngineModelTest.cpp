@@ -10,12 +10,13 @@ using Krell::PutResult;
 namespace {
 
 template < unsigned K, unsigned V >
-class Model {
+class EngineModel {
 public:
     using Key = std::array< U64, K >;
     using Value = std::array< U64, V >;
 
-    Model( TestCollection& collection, U64 seed ) : collection_( collection ), random_( seed ) {}
+    EngineModel( TestCollection& collection, U64 seed )
+        : collection_( collection ), random_( seed ) {}
 
     void run( unsigned operations, unsigned keys ) {
         for ( unsigned i = 0; i < operations; ++i ) {
@@ -105,7 +106,7 @@ TYPED_TEST( EngineModelTest, LocalMemoryHoldsWhatTheModelHolds ) {
     SCOPED_TRACE( "KRELL_SEED=" + std::to_string( seed ) );
     TestCollection collection( layoutOf( K, V ) );
     collection.init( QelKrell::writer, true, 1 );
-    Model< K, V >( collection, seed ).run( 4000, 300 );
+    EngineModel< K, V >( collection, seed ).run( 4000, 300 );
 }
 
 TYPED_TEST( EngineModelTest, FilesHoldWhatTheModelHoldsThroughTakeovers ) {
@@ -115,7 +116,7 @@ TYPED_TEST( EngineModelTest, FilesHoldWhatTheModelHoldsThroughTakeovers ) {
     SCOPED_TRACE( "KRELL_SEED=" + std::to_string( seed ) );
     TestRoot root;
     TestCollection collection( layoutOf( K, V ) );
-    Model< K, V > model( collection, seed );
+    EngineModel< K, V > model( collection, seed );
     collection.asWriter( 2 );
     const U32 fenix = collection.fenixId();
     for ( unsigned round = 0; round < 6; ++round ) {

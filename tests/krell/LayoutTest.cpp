@@ -8,7 +8,7 @@ namespace {
 
 using Krell::Layout;
 
-Layout layoutOf( const std::string& text ) {
+Layout layoutOfText( const std::string& text ) {
     Layout layout;
     layout.entityType = "Power::Plant";
     layout.valueType = "Power::Reading";
@@ -19,7 +19,7 @@ Layout layoutOf( const std::string& text ) {
 }
 
 std::string differences( const std::string& there, const std::string& here ) {
-    return layoutOf( here ).differences( layoutOf( there ) );
+    return layoutOfText( here ).differences( layoutOfText( there ) );
 }
 
 constexpr const char* first = "key{sensor:U32@0} value{celsius:double@0,takenAt:U64@8}";
@@ -45,10 +45,10 @@ TEST( LayoutTest, AttributesOfOneSideAreNamed ) {
 }
 
 TEST( LayoutTest, NamesOfTypesAreCompared ) {
-    Layout other = layoutOf( first );
+    Layout other = layoutOfText( first );
     other.entityType = "Power::Station";
     other.valueType = "Power::Sample";
-    EXPECT_EQ( layoutOf( first ).differences( other ),
+    EXPECT_EQ( layoutOfText( first ).differences( other ),
                "entity type: Power::Station there, Power::Plant here; value type: Power::Sample "
                "there, Power::Reading here" );
 }

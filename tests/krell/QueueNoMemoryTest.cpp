@@ -1,14 +1,12 @@
 // A drain when memory fails, and when it moves.
 
-#include <csignal>
 #include <fstream>
 #include <memory>
 #include <sstream>
 
 #include <gtest/gtest.h>
 
-#include <sys/resource.h>
-
+#include "FileLimit.h"
 #include "krell/Allocations.h"
 #include "krell/QueueSupport.h"
 
@@ -30,26 +28,6 @@ Drain drain( QueueReaderSide& reader, Told& told ) {
     } );
     return told.last;
 }
-
-// The kernel refuses files beyond that size while it lives.
-class FileLimit {
-public:
-    explicit FileLimit( rlim_t bytes ) : handler_( std::signal( SIGXFSZ, SIG_IGN ) ) {
-        ::getrlimit( RLIMIT_FSIZE, &before_ );
-        const rlimit limit { bytes, before_.rlim_max };
-        ::setrlimit( RLIMIT_FSIZE, &limit );
-    }
-    ~FileLimit() {
-        ::setrlimit( RLIMIT_FSIZE, &before_ );
-        std::signal( SIGXFSZ, handler_ );
-    }
-    FileLimit( const FileLimit& ) = delete;
-    FileLimit& operator=( const FileLimit& ) = delete;
-
-private:
-    rlimit before_ {};
-    void ( *const handler_ )( int );
-};
 
 class QueueNoMemoryTest : public testing::Test {
 protected:
@@ -118,7 +96,7 @@ TEST_F( QueueNoMemoryTest, SlotsThatCannotBeAreRefusedBeforeMemoryIsTakenUp ) {
         messageOf< Krell::MemoryLimitException >( [ & ] { writer.table.reserve( ~U32( 0 ) ); } );
     std::string space;
     {
-        const FileLimit few( 1 << 20 );
+        const QelKrellTest::FileLimit few( 1 << 20 );
         space = messageOf< Krell::MemoryResourceException >(
             [ & ] { writer.table.reserve( 1 << 25 ); } );
     }

@@ -9,8 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <sys/resource.h>
 
+#include "FileLimit.h"
 #include "krell/QueueSupport.h"
 
 using namespace KrellTest;
@@ -21,21 +21,6 @@ namespace {
 
 constexpr U32 fullPage = 371;   // slots whose queue fills a page, but for one place
 constexpr U32 fullPages = 1600; // and some whose queue fills four: the fewest places for each
-
-// Files of this process cannot grow beyond `bytes` while it lives.
-class FileLimit {
-public:
-    explicit FileLimit( rlim_t bytes ) {
-        ::signal( SIGXFSZ, SIG_IGN );
-        ::getrlimit( RLIMIT_FSIZE, &before_ );
-        const rlimit limited { bytes, before_.rlim_max };
-        ::setrlimit( RLIMIT_FSIZE, &limited );
-    }
-    ~FileLimit() { ::setrlimit( RLIMIT_FSIZE, &before_ ); }
-
-private:
-    rlimit before_ {};
-};
 
 class QueueRoundTest : public testing::Test {
 protected:
@@ -408,7 +393,7 @@ TEST_F( QueueRoundTest, GrowthThatFindsNoSpaceChangesNothing ) {
     reader.keys();
     const std::string before = bytesOf( writer.file() );
     {
-        const FileLimit limit( 4096 );
+        const QelKrellTest::FileLimit limit( 4096 );
         const std::string text = messageOf< Krell::MemoryResourceException >(
             [ & ] { writer.table.reserve( 2 * fullPage ); } );
         EXPECT_NE( text.find( "posix_fallocate " + writer.file() ), std::string::npos ) << text;

@@ -3,29 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
+#include "FileLimit.h"
 #include "krell/EngineSupport.h"
 
 using namespace KrellTest;
 
 namespace {
-
-// Files of this process cannot grow beyond `bytes` while it lives.
-class FileLimit {
-public:
-    explicit FileLimit( rlim_t bytes ) {
-        ::signal( SIGXFSZ, SIG_IGN );
-        ::getrlimit( RLIMIT_FSIZE, &before_ );
-        const rlimit limited { bytes, before_.rlim_max };
-        ::setrlimit( RLIMIT_FSIZE, &limited );
-    }
-    ~FileLimit() { ::setrlimit( RLIMIT_FSIZE, &before_ ); }
-
-private:
-    rlimit before_;
-};
 
 void put( TestCollection& writer, U64 key, U64 value ) {
     writer.writer().put< 1, 1 >( &key, &value );
@@ -49,7 +34,7 @@ TEST( WriterSpaceTest, AnInsertThatFindsNoRoomChangesNothing ) {
     }
     const auto before = contentsOf( reader );
     {
-        const FileLimit limit( 560 );
+        const QelKrellTest::FileLimit limit( 560 );
         for ( U64 n = 100; n < 110; ++n ) {
             const std::string text =
                 messageOf< Krell::MemoryResourceException >( [ & ] { put( writer, n, n ); } );
@@ -80,7 +65,7 @@ TEST( WriterSpaceTest, BucketsThatCannotGrowTakeMoreKeysInLongerChains ) {
     TestCollection writer( layoutOf( 1, 1 ) );
     writer.asWriter( 64 );
     writer.writer().reserve( 64 );
-    const FileLimit limit( 6000 ); // slots can grow once, the buckets cannot
+    const QelKrellTest::FileLimit limit( 6000 ); // slots can grow once, the buckets cannot
     U64 n = 0;
     EXPECT_THROW(
         for ( ;; ++n ) { put( writer, n, n ); }, Krell::MemoryResourceException );
@@ -97,7 +82,7 @@ TEST( WriterSpaceTest, ACollectionThatFindsNoRoomIsNotMade ) {
         TestCollection writer( layoutOf( 1, 1 ) );
         TestCollection reader( layoutOf( 1, 1 ) );
         {
-            const FileLimit limit( bytes );
+            const QelKrellTest::FileLimit limit( bytes );
             EXPECT_THROW( writer.asWriter( 64 ), Krell::MemoryResourceException );
         }
         EXPECT_EQ( writer.mountStatus(), 0 );
@@ -122,7 +107,7 @@ TEST( WriterSpaceTest, ATakeoverThatFindsNoRoomLosesNothing ) {
     TestCollection reader( layoutOf( 1, 1 ) );
     reader.asReader();
     {
-        const FileLimit limit( 4300 );
+        const QelKrellTest::FileLimit limit( 4300 );
         EXPECT_THROW( writer.asWriter(), Krell::MemoryResourceException );
     }
     EXPECT_EQ( contentsOf( reader ), before );

@@ -29,7 +29,7 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class Handler : public Krell::Platform::InotifyHandler {
+class WatchHandler : public Krell::Platform::InotifyHandler {
 public:
     void watchError( const std::string& text ) override { add( "error " + text ); }
     void watchGone() override { add( "gone" ); }
@@ -47,7 +47,7 @@ private:
     }
 };
 
-Message message( unsigned line, const std::string& function, const std::string& text ) {
+Message watchMessage( unsigned line, const std::string& function, const std::string& text ) {
     return { "Krell", "Platform", line, function, 5, "QelKrell::WatchDescriptor::" + text };
 }
 
@@ -65,7 +65,7 @@ protected:
 
     Tracing tracing { "" };
     QelKrellTest::Scratch scratch;
-    Handler handler;
+    WatchHandler handler;
     std::unique_ptr< Krell::Platform::InotifyControl > control { Krell::Platform::getInotifyControl(
         &handler ) };
 };
@@ -228,21 +228,22 @@ TEST_F( WatchDescriptor, MessagesStandWhereTheyStood ) {
     tracing.settingsAre( "Krell/5" );
     control.reset( Krell::Platform::getInotifyControl( &handler ) );
     EXPECT_THAT( tracing.taken(),
-                 ElementsAre( message( 291, "WatchDescriptor", "WatchDescriptor() done" ),
-                              message( 246, "orphan", "Notifiee::orphan()" ),
-                              message( 309, "delWatch", "delWatch() deleting watch:" ),
-                              message( 241, "~Notifiee", "Notifiee::~Notifiee()" ) ) );
+                 ElementsAre( watchMessage( 291, "WatchDescriptor", "WatchDescriptor() done" ),
+                              watchMessage( 246, "orphan", "Notifiee::orphan()" ),
+                              watchMessage( 309, "delWatch", "delWatch() deleting watch:" ),
+                              watchMessage( 241, "~Notifiee", "Notifiee::~Notifiee()" ) ) );
     const std::string path = scratch.path();
     control->setWatch( path );
     std::filesystem::create_directory( scratch.path( "d" ) );
     drain();
     adapter().notifiee()->onWatchCount();
     control->delWatch();
-    EXPECT_THAT( tracing.taken(),
-                 ElementsAre( message( 303, "setWatch", "setWatch() registering watch:" + path ),
-                              message( 256, "onWatchCount", "onWatchCount()" ),
-                              message( 256, "onWatchCount", "onWatchCount()" ),
-                              message( 309, "delWatch", "delWatch() deleting watch:" + path ) ) );
+    EXPECT_THAT(
+        tracing.taken(),
+        ElementsAre( watchMessage( 303, "setWatch", "setWatch() registering watch:" + path ),
+                     watchMessage( 256, "onWatchCount", "onWatchCount()" ),
+                     watchMessage( 256, "onWatchCount", "onWatchCount()" ),
+                     watchMessage( 309, "delWatch", "delWatch() deleting watch:" + path ) ) );
 }
 
 TEST_F( WatchDescriptor, ALateNotificationIsTracedAndDropped ) {
@@ -250,16 +251,16 @@ TEST_F( WatchDescriptor, ALateNotificationIsTracedAndDropped ) {
     control.reset();
     tracing.settingsAre( "Krell/5" );
     notifiee->onWatchCount();
-    EXPECT_THAT(
-        tracing.taken(),
-        ElementsAre( message( 224, "onWatchCount", "Notifiee::onWatchCount() ignoring orphan" ) ) );
+    EXPECT_THAT( tracing.taken(),
+                 ElementsAre( watchMessage( 224, "onWatchCount",
+                                            "Notifiee::onWatchCount() ignoring orphan" ) ) );
     EXPECT_THAT( handler.events, IsEmpty() );
 }
 
 // What the system cannot be made to send.
 
 std::vector< std::string > forwarded( const QelKrell::WatchEvent& event ) {
-    Handler handler;
+    WatchHandler handler;
     QelKrell::forward( event, handler );
     return handler.events;
 }

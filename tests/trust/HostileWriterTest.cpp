@@ -21,10 +21,10 @@ using QelKrellTest::Mounted;
 using QelKrellTest::Torture;
 
 constexpr const char* files[] = { "slots", "buckets", "conquer.1", "conquer.2" };
-constexpr U32 sensors = 200;
+constexpr U32 sensorCount = 200;
 
 // What the processes of one round tell.
-struct Tally {
+struct WriterTally {
     std::atomic< U64 > flips;
     std::atomic< U64 > calls;
     std::atomic< U64 > attached; // calls of readers that were
@@ -37,7 +37,7 @@ struct Tally {
 // Every call that a mounted entity has for readers, in one process of a role.
 class Caller {
 public:
-    Caller( Tally& tally, QelKrell::QelKrellType role, U64 seed )
+    Caller( WriterTally& tally, QelKrell::QelKrellType role, U64 seed )
         : tally_( tally ), role_( role ), random_( seed ) {}
 
     // One mount, with some rounds of calls.
@@ -59,11 +59,11 @@ private:
         const U64 before = calls_;
         guarded( [ & ] { control.poll(); } );
         for ( int i = 0; i < 16; ++i ) {
-            guarded( [ & ] { reading( U32( random_() % sensors ) ); } );
+            guarded( [ & ] { reading( U32( random_() % sensorCount ) ); } );
         }
         U32 keys[ 64 ];
         for ( U32& key : keys ) {
-            key = U32( random_() % sensors );
+            key = U32( random_() % sensorCount );
         }
         U64 found = 0;
         guarded( [ & ] {
@@ -101,7 +101,7 @@ private:
         tally_.longestUs = std::max< U64 >( us, tally_.longestUs );
     }
 
-    Tally& tally_;
+    WriterTally& tally_;
     const QelKrell::QelKrellType role_;
     std::mt19937_64 random_;
     U64 calls_ = 0;
@@ -113,11 +113,11 @@ protected:
     static constexpr U64 fewestCalls = 500;
 
     // Holds the collection, scribbles until the round is over, and now and then makes all good.
-    static int scribble( Tally& tally, U64 seed, const Milestone& reached ) {
+    static int scribble( WriterTally& tally, U64 seed, const Milestone& reached ) {
         const std::string directory =
             std::string( getenv( "KRELL_ROOT" ) ) + "/sys/Krell/site/north/reading/";
         Mounted plant( QelKrellTest::asWriter( 20 ) );
-        for ( U32 sensor = 0; sensor < sensors; ++sensor ) {
+        for ( U32 sensor = 0; sensor < sensorCount; ++sensor ) {
             plant->reading.is( QelKrellTest::readingOf( sensor, 1 ) );
             plant->reading.is( QelKrellTest::readingOf( sensor / 2, sensor ) );
         }
@@ -140,7 +140,7 @@ protected:
         }
         return 0;
     }
-    static int readAs( Tally& tally,
+    static int readAs( WriterTally& tally,
                        QelKrell::QelKrellType role,
                        U64 seed,
                        const Milestone& done ) {
@@ -170,7 +170,7 @@ TEST_F( HostileWriterTest, EveryCallReturns ) {
         SCOPED_TRACE( testing::Message()
                       << "KRELL_SEED=" << torture.seed() << " round " << torture.rounds() );
         const QelKrellTest::Root root;
-        const Shared< Tally > tally;
+        const Shared< WriterTally > tally;
         Milestones milestones;
         Process writer(
             [ &, seed = random() ] { return scribble( *tally, seed, milestones.mine() ); } );

@@ -77,7 +77,7 @@ public:
         return line;
     }
     void say( const std::string& line ) const {
-        EXPECT_EQ( write( in_, line.data(), line.size() ), ssize_t( line.size() ) );
+        EXPECT_EQ( ::write( in_, line.data(), line.size() ), ssize_t( line.size() ) );
     }
     int wait() {
         int status = -1;
