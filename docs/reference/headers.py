@@ -13,7 +13,8 @@ Writes the header to standard output with every line where it was:
 - Lines indented by four and more are code, others that are indented a table or a diagram, kept as
   they stand; but `returns`, `errors`, `threads` and `cost` begin sections.
 - A setter directly below its getter, and an overload directly below its like, share its comment.
-- `// --- Title. Text` in a class heads a group of members, to the next one or the access specifier.
+- `// --- Title. Text` in a class heads a group of members, to the next one or the access specifier;
+  a blank line stands between it and the comment of the first member.
 """
 
 import os
@@ -259,6 +260,8 @@ class Header:
         if NOT_DECLARED.match(below) and not below.startswith("#define"):
             return
         lines = documentation(comment)
+        if re.search(r"\b(?:class|struct)\b[^;(]*\b" + self.name + r"\b", below) and self.page:
+            lines[0] = f" \\details{lines[0]}" # the essay has the brief description
         self._write(begin, lines)
         if "\n" not in "".join(lines) and not {"code", "table"} & set(kinds(comment)):
             self._share(end, " ".join(line.strip() for line in lines if line.strip()), scope)
@@ -325,8 +328,9 @@ class Header:
 
     @staticmethod
     def _rewritten(line):
-        # The nested class of a template, defined outside of it.
+        # The nested class of a template, where it is defined outside and where a result names it.
         line = re.sub(r"^class (\w+)< \w+ >::(\w+)", r"class \1::\2", line)
+        line = re.sub(r"\btypename (\w+)< (\w+) >::(?=\w+ >? ?\1< \2 >::)", "", line)
         # Comments in a macro go where it is used.
         return re.sub(r"^( +)/\* (.*) \*/( *\\)$", r"\1/** \2 */\3", line)
 
