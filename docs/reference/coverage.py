@@ -15,8 +15,9 @@ import re
 import sys
 import xml.etree.ElementTree
 
-COMMON = {"valueToStrep", "sequenceToValue", "_fwkType", "fwkType", "fwkTypeOf", "describe", "notifiees"}
-OPERATOR = re.compile(r"operator\s*(?!\()\W")
+COMMON = {"valueToStrep", "sequenceToValue", "_fwkType", "fwkType", "fwkTypeOf", "describe",
+          "notifiees"}
+OPERATOR = re.compile(r"operator(?!\(|\s*\w)")
 PLAIN = re.compile(r"=\s*(?:default|delete)$")
 
 

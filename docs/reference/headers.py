@@ -186,6 +186,7 @@ class Header:
         self.scopes = Scopes(text)
         self.out = list(self.lines)
         self.before = {}   # line: what is put before it
+        self.subject = ""
         self.group = None  # the depth of the class in which a group of members is open
 
     def filtered(self):
@@ -223,7 +224,7 @@ class Header:
         if end < 2:
             return end
         comment = self._comment(1, end)
-        subject = self._subject()
+        subject = self.subject = self._subject()
         self._write(1, documentation(comment))
         self.out[0] = f"/// \\{subject}" if subject else f"/// {self.page}"
         if subject and self.page:
@@ -260,11 +261,16 @@ class Header:
         if NOT_DECLARED.match(below) and not below.startswith("#define"):
             return
         lines = documentation(comment)
-        if re.search(r"\b(?:class|struct)\b[^;(]*\b" + self.name + r"\b", below) and self.page:
-            lines[0] = f" \\details{lines[0]}" # the essay has the brief description
+        if self.subject and self.subject in self._defined(end):
+            lines[0] = f" \\details{lines[0]}"  # the essay has the brief description
         self._write(begin, lines)
         if "\n" not in "".join(lines) and not {"code", "table"} & set(kinds(comment)):
             self._share(end, " ".join(line.strip() for line in lines if line.strip()), scope)
+
+    def _defined(self, at):
+        """The class of the file's name whose definition begins in line `at` or in the one after."""
+        return [f"{kind} {space}::{name}" for line, space, kind, name in self.scopes.classes
+                if name == self.name and at <= line <= at + 1]
 
     def _share(self, at, text, scope):
         """Gives the comment to setters and overloads directly below the declaration too."""
@@ -315,6 +321,8 @@ class Header:
             return
         ends = (";", ",", "}") if scope[-1][0] != "enum" else ("", )
         if not code.rstrip().endswith(ends) or code.strip() in ("}", "};"):
+            return
+        if self.scopes.parentheses[at + 1]:
             return
         column = len(line) - len(text)
         self.out[at] = f"{line[:column]}///<{prose(text[2:])}"
