@@ -35,7 +35,8 @@ CLASS = re.compile(r"\b(class|struct|union)\s+(?:\[\[[^\]]*\]\]\s*)?(?:QEL_API\s
                    r"(?:alignas\([^)]*\)\s*)?(\w+)\s*(?:final\s*)?(?::[^:]|$)")
 ACCESS = re.compile(r"\s*(public|protected|private)\s*:")
 NOT_DECLARED = re.compile(r"\s*(?:$|[})#]|static_assert\b|(?:public|protected|private)\s*:|using namespace\b)")
-MEMBER = re.compile(r"([A-Za-z]\w*)\s*\(")
+# A declaration's name; none of a destructor, an operator, and of what is deleted or defaulted.
+MEMBER = re.compile(r"(?!.*= (?:delete|default);)(?:[^(~]*[^\w~(])?([A-Za-z]\w*)\(")
 
 
 def escaped(text):
@@ -120,8 +121,7 @@ def fenced(lines, found):
     for at, kind in enumerate(found):
         if kind not in ("code", "table"):
             continue
-        begin, end = ("\\code{.cpp}", "\\endcode") if kind == "code" else (
-            "\\verbatim", "\\endverbatim")
+        begin, end = f"\\code{{{'.cpp' if kind == 'code' else '.unparsed'}}}", "\\endcode"
         if at == 0:
             out[at] = f" {begin}\n{out[at]}"
         elif found[at - 1] != kind:
@@ -229,8 +229,8 @@ class Header:
         self.out[0] = f"/// \\{subject}" if subject else f"/// {self.page}"
         if subject and self.page:
             pragma = next(i for i, l in enumerate(self.lines) if l.startswith("#pragma once"))
-            brief = re.split(r"(?<=[.:])\s", " ".join(" ".join(comment).split()) + " ")[0]
-            self.out[pragma] = f"/** {self.page} {prose(brief.rstrip(':'))} */"
+            brief = re.split(r"(?<=\.)\s", " ".join(" ".join(comment).split()) + " ")[0]
+            self.out[pragma] = f"/** {self.page} {prose(brief)} */"
         return end
 
     def _subject(self):
@@ -277,7 +277,7 @@ class Header:
         first = None
         while at < len(self.lines) and self.lines[at].strip() and not self._block_end(at) > at:
             if self.scopes.at[at] == scope and not self.scopes.parentheses[at]:
-                name = MEMBER.search(self.lines[at].split("//")[0])
+                name = MEMBER.match(self.lines[at])
                 if first and name and self._is_like(name.group(1), first):
                     self.before[at] = f"/** {text} */ "
                 elif first and name:

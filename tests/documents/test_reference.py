@@ -113,9 +113,9 @@ bool find();
 ///
 ///     d; \\endcode
 ///
-/// And so: \\verbatim
+/// And so: \\code{.unparsed}
 ///   offset  what
-///   0       <magic> \\endverbatim
+///   0       <magic> \\endcode
 ///
 /// End.
 class A {};
@@ -173,10 +173,17 @@ enum E {
                 // Adds.
                 void add( int );
                 void add( long );
+
+                // From nothing.
+                A( int );
+                ~A();
+                A( const A& ) = delete;
+                A( std::string text );
             };
             """)
         self.assertEqual(re.findall(r"/\*\* (.*) \*/ +(.*);", shown),
-                         [("How many.", "void countIs( int )"), ("Adds.", "void add( long )")])
+                         [("How many.", "void countIs( int )"), ("Adds.", "void add( long )"),
+                          ("From nothing.", "A( std::string text )")])
 
     def test_groups_of_members(self):
         self.assertEqual(self.body("""
