@@ -12,6 +12,7 @@ Writes the header to standard output with every line where it was:
   there; else the file.
 - Lines indented by four and more are code, others that are indented a table or a diagram, kept as
   they stand; but `returns`, `errors`, `threads` and `cost` begin sections.
+- A class is told the name of its header, as one includes it.
 - A setter directly below its getter, and an overload directly below its like, share its comment.
 - `// --- Title. Text` in a class heads a group of members, to the next one or the access specifier;
   a blank line stands between it and the comment of the first member.
@@ -35,6 +36,7 @@ CLASS = re.compile(r"\b(class|struct|union)\s+(?:\[\[[^\]]*\]\]\s*)?(?:QEL_API\s
                    r"(?:alignas\([^)]*\)\s*)?(\w+)\s*(?:final\s*)?(?::[^:]|$)")
 ACCESS = re.compile(r"\s*(public|protected|private)\s*:")
 NOT_DECLARED = re.compile(r"\s*(?:$|[})#]|static_assert\b|(?:public|protected|private)\s*:|using namespace\b)")
+EXCEPTION = re.compile(r"[A-Z]+_EXCEPTION\(")  # a macro that declares a class
 # A declaration's name; none of a destructor, an operator, and of what is deleted or defaulted.
 MEMBER = re.compile(r"(?!.*= (?:delete|default);)(?:[^(~]*[^\w~(])?([A-Za-z]\w*)\(")
 
@@ -182,6 +184,7 @@ class Header:
         ambiguous = library == "Krell" and os.path.exists(
             os.path.join(ROOT, "src-includes", "QelKrell", self.name))
         self.page = "" if ambiguous else f"\\file {library}/{self.name}"
+        self.include = "" if ambiguous else f" \\header{{{library}/{self.name}}}"
         self.lines = text.split("\n")
         self.scopes = Scopes(text)
         self.out = list(self.lines)
@@ -201,7 +204,7 @@ class Header:
                 self._trailing(at)
                 end = at + 1
             at = end
-        return "\n".join(self.before.get(at, "") + self._rewritten(line)
+        return "\n".join((self.before.get(at, "") + self._rewritten(line)).rstrip()
                          for at, line in enumerate(self.out))
 
     def _block_end(self, at):
@@ -227,6 +230,8 @@ class Header:
         subject = self.subject = self._subject()
         self._write(1, documentation(comment))
         self.out[0] = f"/// \\{subject}" if subject else f"/// {self.page}"
+        if subject and not subject.startswith("namespace"):
+            self.out[end - 1] += self.include
         if subject and self.page:
             pragma = next(i for i, l in enumerate(self.lines) if l.startswith("#pragma once"))
             brief = re.split(r"(?<=\.)\s", " ".join(" ".join(comment).split()) + " ")[0]
@@ -261,16 +266,20 @@ class Header:
         if NOT_DECLARED.match(below) and not below.startswith("#define"):
             return
         lines = documentation(comment)
-        if self.subject and self.subject in self._defined(end):
-            lines[0] = f" \\details{lines[0]}"  # the essay has the brief description
+        defined = self._defined(end)
+        if self.subject in defined:
+            if self.subject.endswith("::" + self.name):
+                lines[0] = f" \\details{lines[0]}"  # the essay has the brief description
+        elif defined or EXCEPTION.match(below):
+            lines[-1] += self.include
         self._write(begin, lines)
         if "\n" not in "".join(lines) and not {"code", "table"} & set(kinds(comment)):
             self._share(end, " ".join(line.strip() for line in lines if line.strip()), scope)
 
     def _defined(self, at):
-        """The class of the file's name whose definition begins in line `at` or in the one after."""
+        """The class whose definition begins in line `at` or in the one after."""
         return [f"{kind} {space}::{name}" for line, space, kind, name in self.scopes.classes
-                if name == self.name and at <= line <= at + 1]
+                if at <= line <= at + 1]
 
     def _share(self, at, text, scope):
         """Gives the comment to setters and overloads directly below the declaration too."""

@@ -203,7 +203,7 @@ enum E {
 class A {
 /** \\name Reading
 
-By anybody, at any time. */ /**@{*/ 
+By anybody, at any time. */ /**@{*/
     /// Reads.
     int get();
 
@@ -232,7 +232,8 @@ By anybody, at any time. */ /**@{*/
             } // namespace Qel
             """).split("\n")
         self.assertEqual(shown[:2],
-                         ["/// \\class Qel::Thing", "/// Things that <code>are</code>. And more."])
+                         ["/// \\class Qel::Thing",
+                          "/// Things that <code>are</code>. And more. \\header{Qel/Thing}"])
         self.assertEqual(shown[3], "/** \\file Qel/Thing Things that <code>are</code>. */")
         self.assertEqual(shown[9], "/// \\details One of them.")
 
@@ -325,6 +326,12 @@ class WhatDoxygenMakes(unittest.TestCase):
         sections = find.findall(".//simplesect")
         self.assertEqual([s.get("kind") for s in sections], ["return", "par", "par"])
         self.assertEqual([s.findtext("title") for s in sections], [None, "Errors", "Cost"])
+
+    def test_classes_name_their_header(self):
+        for name in ("Mount", "MountException"):
+            header = {"Mount": "KrellMount", "MountException": "Exception"}[name]
+            self.assertIn(f"#include &lt;QelKrell/{header}&gt;",
+                          self.page(f"classQelKrell_1_1{name}.html"))
 
     def test_internals_are_left_out(self):
         pages = os.listdir(os.path.join(self.directory, "html"))
