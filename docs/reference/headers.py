@@ -125,7 +125,7 @@ def fenced(lines, found):
             continue
         begin, end = f"\\code{{{'.cpp' if kind == 'code' else '.unparsed'}}}", "\\endcode"
         if at == 0:
-            out[at] = f" {begin}\n{out[at]}"
+            out[at] = f" {begin} {out[at].strip()}"
         elif found[at - 1] != kind:
             out[at - 1] += f" {begin}"
         if found[at + 1:at + 2] != [kind]:
@@ -140,7 +140,7 @@ class Scopes:
         code = cxx.blanked(text)
         self.code = re.sub(r"^[ \t]*#(?:[^\n]*\\\n)*[^\n]*",
                            lambda m: re.sub(r"[^\n]", " ", m[0]), code, flags=re.MULTILINE)
-        self.classes = []  # (line, namespace, kind, name) of those in a namespace
+        self.classes = []  # (first line, namespace, kind, name) of those in a namespace
         self.at = []       # of each line, the scopes that are open at its begin; None: a body
         self.parentheses = []
         self._walk()
@@ -159,6 +159,7 @@ class Scopes:
                 head = "" if c in "{};" else head + c
 
     def _scope(self, head, stack, number):
+        first = number - head.lstrip().count("\n")
         head = re.sub(r"template\s*<(?:[^<>]|<[^<>]*>)*>", "", head)
         space = re.search(r"\bnamespace\b\s*([\w:]*)\s*$", head)
         if space:
@@ -169,7 +170,7 @@ class Scopes:
         if found and "=" not in head:
             if all(s[0] == "namespace" for s in stack):
                 space = "::".join(s[1] for s in stack)
-                self.classes.append((number, space, found.group(1), found.group(2)))
+                self.classes.append((first, space, found.group(1), found.group(2)))
             return ("class", found.group(2))
         if re.search(r"\b(class|struct|union)\b", head) and "(" not in head and "=" not in head:
             return ("class", "")
@@ -218,7 +219,7 @@ class Header:
     def _write(self, begin, lines):
         for i, line in enumerate(lines):
             indent = COMMENT.match(self.lines[begin + i]).group(1)
-            self.out[begin + i] = "\n".join(f"{indent}///{part}" for part in line.split("\n"))
+            self.out[begin + i] = f"{indent}///{line}"
 
     # --- The essay at the head
 
@@ -266,20 +267,16 @@ class Header:
         if NOT_DECLARED.match(below) and not below.startswith("#define"):
             return
         lines = documentation(comment)
-        defined = self._defined(end)
+        defined = [f"{kind} {space}::{name}" for line, space, kind, name in self.scopes.classes
+                   if line == end]
         if self.subject in defined:
             if self.subject.endswith("::" + self.name):
                 lines[0] = f" \\details{lines[0]}"  # the essay has the brief description
         elif defined or EXCEPTION.match(below):
             lines[-1] += self.include
         self._write(begin, lines)
-        if "\n" not in "".join(lines) and not {"code", "table"} & set(kinds(comment)):
+        if not {"code", "table"} & set(kinds(comment)):
             self._share(end, " ".join(line.strip() for line in lines if line.strip()), scope)
-
-    def _defined(self, at):
-        """The class whose definition begins in line `at` or in the one after."""
-        return [f"{kind} {space}::{name}" for line, space, kind, name in self.scopes.classes
-                if at <= line <= at + 1]
 
     def _share(self, at, text, scope):
         """Gives the comment to setters and overloads directly below the declaration too."""

@@ -243,6 +243,13 @@ By anybody, at any time. */ /**@{*/
                                declarations + "}\n").split("\n")
             self.assertEqual(shown[:3], ["/// \\file Qel/Thing", "/// Things.", "#pragma once"])
 
+    def test_every_class_above_is_told_its_header(self):
+        for declaration in ("class B {\n};\n", "template < class T >\nclass B {\n};\n",
+                            "class QEL_API B : public C,\n                  private D {\n};\n"):
+            self.assertEqual(self.body("class A {};\n// What.\n" + declaration),
+                             "class A {};\n/// What. \\header{Qel/Thing}\n" + declaration)
+        self.same("class A {};\nclass B;\n")
+
     def test_every_header_keeps_its_lines(self):
         checked = 0
         for path in headers.cxx.cxx_files(SOURCE):
