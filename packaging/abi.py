@@ -105,10 +105,15 @@ def installed(source, directory):
 def tagged_source(tag, directory):
     """The tree of the tag, taken out of the repository."""
     source = os.path.join(directory, "source")
-    commit = run("git", "rev-parse", "--verify", "--quiet", tag + "^{commit}").strip()
+    try:
+        commit = run("git", "rev-parse", "--verify", "--quiet", tag + "^{commit}").strip()
+    except Failed:
+        raise Failed(f"there is no tag or commit '{tag}'") from None
     run("rm", "-rf", source)
     os.makedirs(source)
-    run("sh", "-c", f"git archive {commit} | tar -xC '{source}'")
+    archive = source + ".tar"
+    run("git", "archive", "-o", archive, commit)
+    run("tar", "-C", source, "-xf", archive)
     return source
 
 
@@ -126,10 +131,7 @@ def release(tag=None):
         print("no release to compare with: no tag v* leads to this tree")
         return 0
     directory = os.path.abspath("build/abi")
-    try:
-        source = tagged_source(tag, os.path.join(directory, "old"))
-    except Failed:
-        raise Failed(f"there is no tag or commit '{tag}'") from None
+    source = tagged_source(tag, os.path.join(directory, "old"))
     print(f"-- building {tag} and this tree", flush=True)
     old = installed(source, os.path.join(directory, "old"))
     new = installed(os.getcwd(), os.path.join(directory, "new"))
