@@ -14,9 +14,6 @@ set( CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EX
 set( CPACK_DEBIAN_FILE_NAME DEB-DEFAULT )
 set( CPACK_DEBIAN_COMPRESSION_TYPE xz )
 set( CPACK_DEBIAN_PACKAGE_SOURCE qelkrell )
-if( QELKRELL_WIDTH STREQUAL "32" )
-    set( CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386 )
-endif()
 set( CPACK_DEB_COMPONENT_INSTALL ON )
 set( CPACK_COMPONENTS_GROUPING IGNORE )
 set( CPACK_COMPONENTS_ALL runtime development )
@@ -29,6 +26,12 @@ set( CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=" )
 # they are built; on these each package depends by name.
 set( CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON )
 set( CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY} )
+if( QELKRELL_WIDTH STREQUAL "32" )
+    # The libraries that are linked here are a 64-bit system's, in packages of other names.
+    set( CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386 )
+    set( CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF )
+    set( CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6 (>= 2.36), libgcc-s1 (>= 12), libstdc++6 (>= 12)" )
+endif()
 
 # CPack of this version knows no field Multi-Arch; it stands on a line behind the priority. Libraries
 # of both widths can be installed, as processes of both share collections.
@@ -48,6 +51,7 @@ These are the libraries." )
 
 set( CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libqelkrell-dev )
 set( CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel )
+set( CPACK_DEBIAN_DEVELOPMENT_PACKAGE_PRIORITY ${both_widths} )
 set( CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime_package} ${exactly}" )
 set( CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF )
 set( CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION

@@ -45,6 +45,7 @@ class Program:
                                         bufsize=1, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                         stderr=subprocess.STDOUT)
         self.lines = queue.Queue()
+        self.expected = set()
         threading.Thread(target=self.listen, daemon=True).start()
 
     def listen(self):
@@ -55,15 +56,18 @@ class Program:
         self.process.stdin.write(line + "\n")
 
     def expect(self, *wanted):
-        """These lines come next, in any order."""
+        """These lines come next, in any order. A reader may be told again what it has printed."""
         got = []
         try:
-            for _ in wanted:
-                got.append(self.lines.get(timeout=PATIENCE))
+            while len(got) < len(wanted):
+                line = self.lines.get(timeout=PATIENCE)
+                if line not in self.expected:
+                    got.append(line)
         except queue.Empty:
             pass
         if sorted(got) != sorted(wanted):
             raise Failed(f"{self.command}\nprinted {got}, not {list(wanted)}")
+        self.expected.update(wanted)
 
     def end(self):
         self.process.stdin.close()
@@ -103,8 +107,8 @@ class System:
         self.packages = packages
         self.root = os.path.join(packages, "bare")
         self.cache = os.path.join(packages, "cache")
-        architecture = run("dpkg", "--print-architecture").strip()
-        self.tarball = os.path.join(self.cache, f"{SUITE}-{architecture}.tar")
+        self.architecture = run("dpkg", "--print-architecture").strip()
+        self.tarball = os.path.join(self.cache, f"{SUITE}-{self.architecture}.tar")
 
     def make(self):
         os.makedirs(self.root, exist_ok=True)
@@ -124,7 +128,8 @@ class System:
         run("mount", "--bind", f"{self.cache}/archives", f"{self.root}/var/cache/apt/archives")
         if os.path.exists("/etc/resolv.conf"):
             shutil.copy("/etc/resolv.conf", f"{self.root}/etc/resolv.conf")
-        for path in (*glob.glob(f"{self.packages}/*.deb"), *glob.glob(f"{SCRIPTS}/*.py")):
+        for path in (*glob.glob(f"{self.packages}/*_{self.architecture}.deb"),
+                     *glob.glob(f"{SCRIPTS}/*.py")):
             shutil.copy(path, f"{self.root}/opt")
 
     def run(self, *command, **options):
