@@ -53,7 +53,10 @@ class Program:
             self.lines.put(line.rstrip("\n"))
 
     def say(self, line):
-        self.process.stdin.write(line + "\n")
+        try:
+            self.process.stdin.write(line + "\n")
+        except BrokenPipeError:
+            raise Failed(f"{self.command}\nended; it printed {list(self.lines.queue)}") from None
 
     def expect(self, *wanted):
         """These lines come next, in any order. A reader may be told again what it has printed."""
@@ -71,8 +74,13 @@ class Program:
 
     def end(self):
         self.process.stdin.close()
-        if self.process.wait(PATIENCE) != 0:
-            raise Failed(f"{self.command}\nended with status {self.process.returncode}")
+        try:
+            status = self.process.wait(PATIENCE)
+        except subprocess.TimeoutExpired:
+            raise Failed(f"{self.command}\ndoes not end with its input") from None
+        if status != 0:
+            raise Failed(f"{self.command}\nended with status {status}; it printed "
+                         f"{list(self.lines.queue)}")
 
     def kill(self):
         self.process.kill()
