@@ -108,6 +108,11 @@ def mirror():
     return "http://deb.debian.org/debian"
 
 
+def names(files):
+    """The packages that are in these package files."""
+    return {os.path.basename(path).split("_")[0] for path in files}
+
+
 class System:
     """The bare system below `root`; its own files come from a tarball once that has been made."""
 
@@ -151,8 +156,8 @@ class System:
 
     def ours(self, wanted=lambda name: True):
         """The package files, as seen from inside, of the packages that are wanted."""
-        names = [os.path.basename(p) for p in sorted(glob.glob(f"{self.root}/opt/*.deb"))]
-        return ["/opt/" + name for name in names if wanted(name.split("_")[0])]
+        found = [os.path.basename(p) for p in sorted(glob.glob(f"{self.root}/opt/*.deb"))]
+        return ["/opt/" + name for name in found if wanted(name.split("_")[0])]
 
     def runtime(self):
         """All but what is for development."""
@@ -164,15 +169,13 @@ class System:
         return re.match(r"/opt/libqelkrell([\d.]+)_", path)[1]
 
     def purge(self):
-        names = {os.path.basename(p).split("_")[0] for p in self.ours()}
-        self.apt("purge", *sorted(names & self.installed()))
+        self.apt("purge", *sorted(names(self.ours()) & self.installed()))
 
     def needed(self, files):
         """The packages beside these that apt would install with them."""
-        names = {os.path.basename(p).split("_")[0] for p in files}
         listed = self.run(*APT, "-s", "install", *files)
-        return [line.split()[1] for line in listed.splitlines()
-                if line.startswith("Inst ") and line.split()[1] not in names]
+        found = {line.split()[1] for line in listed.splitlines() if line.startswith("Inst ")}
+        return sorted(found - names(files))
 
     def installed(self):
         return set(self.run("dpkg-query", "-W", "-f", "${Package}\\n").split())
@@ -182,11 +185,11 @@ class System:
 
     def files(self):
         found = set()
-        for directory, subdirectories, names in os.walk(self.root):
+        for directory, subdirectories, files in os.walk(self.root):
             inside = os.path.relpath(directory, self.root)
             subdirectories[:] = [d for d in subdirectories
                                  if os.path.normpath(os.path.join(inside, d)) not in STATE]
-            for name in (*subdirectories, *names):
+            for name in (*subdirectories, *files):
                 path = os.path.normpath(os.path.join(inside, name))
                 if path not in STATE:
                     found.add(path)
@@ -269,6 +272,32 @@ class Test:
         self.system.apt("install", "--reinstall", *self.system.runtime())
         self.python()
 
+    def upgrade(self):
+        """a later release in the place of this one, while a program uses it"""
+        later = "/opt/later"
+        os.makedirs(self.system.root + later)
+        for path in self.system.runtime():
+            self.system.run("sh", "-ec", f"""
+                dpkg-deb -R {path} {later}/tree
+                version=$( dpkg-deb -f {path} Version )
+                sed -i -e "s/^Version: $version\\$/&+later/" -e "s/(= $version)/(= $version+later)/" \\
+                    {later}/tree/DEBIAN/control
+                dpkg-deb -b {later}/tree {later}
+                rm -r {later}/tree""")
+        writer = self.system.start("python3", "/opt/writer.py", "/opt/libplant-types.so")
+        writer.expect("writing")
+        self.system.apt("install", *(later + "/" + name
+                                     for name in os.listdir(self.system.root + later)))
+        listed = self.system.run("dpkg-query", "-W", "-f", "${Package} ${Version}\\n",
+                                 *names(self.system.runtime()))
+        if not all(line.endswith("+later") for line in listed.splitlines()):
+            raise Failed("some are of the former version:\n" + listed)
+        writer.say("9 1.5")
+        writer.end()
+        demand(self.system.run("krell", "dump", "site/Krell/north/plant/reading", "--types",
+                               "/opt/libplant-types.so"), "1.5")
+        self.python()
+
     def purged(self):
         """purged, with nothing left"""
         self.system.purge()
@@ -310,7 +339,7 @@ class Test:
         if self.system.run("/opt/list") != "7: 22.5\n":
             raise Failed("/opt/list printed:\n" + self.system.run("/opt/list"))
 
-    STEPS = (bare, needed, alone, install, tool, python, again, purged, compilers, develop, build,
+    STEPS = (bare, needed, alone, install, tool, python, again, upgrade, purged, compilers, develop, build,
              examples, purged)
 
 
