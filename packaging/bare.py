@@ -317,7 +317,7 @@ class Test:
     def build(self):
         """the installed examples built by find_package, and one by pkg-config"""
         examples = "/usr/share/doc/libqelkrell-dev/examples/plant"
-        self.system.run("cmake", "-S", examples, "-B", "/opt/plant", "-DCMAKE_BUILD_TYPE=Debug")
+        self.system.run("cmake", "-S", examples, "-B", "/opt/plant")
         self.system.run("cmake", "--build", "/opt/plant", "--parallel", str(os.cpu_count()))
         self.system.run("sh", "-ec", f"cd {examples}; g++ -std=c++20 list.cpp types.cpp "
                         "-o /opt/list $( pkg-config --cflags --libs qelkrell )")
