@@ -26,9 +26,13 @@ DEVELOPMENT = "libqelkrell-dev"
 STATE = ("proc", "dev", "tmp", "opt", "var/lib/dpkg", "var/lib/apt", "var/cache", "var/log",
          "etc/ld.so.cache")
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C.UTF-8",
-               "DEBIAN_FRONTEND": "noninteractive"}
+               "DEBIAN_FRONTEND": "noninteractive",
+               **{name: os.environ[name] for name in ("http_proxy", "https_proxy", "no_proxy")
+                  if name in os.environ}}
+CERTIFICATES = "ca-certificates.crt"
 APT = ("apt-get", "-q", "-o", "Dpkg::Use-Pty=0", "-o", "Acquire::Languages=none",
-       "-o", "Acquire::Retries=3", "-o", "APT::Sandbox::User=root", "--no-install-recommends")
+       "-o", "Acquire::Retries=3", "-o", "APT::Sandbox::User=root", "--no-install-recommends",
+       "-o", "APT::Update::Error-Mode=any", "-o", "Acquire::https::CAInfo=/opt/" + CERTIFICATES)
 SCRIPTS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "bare")
 
 
@@ -139,8 +143,10 @@ class System:
             os.makedirs(f"{self.root}/{where}", exist_ok=True)
             run("mount", "-t", kind, kind, f"{self.root}/{where}")
         run("mount", "--bind", f"{self.cache}/archives", f"{self.root}/var/cache/apt/archives")
-        if os.path.exists("/etc/resolv.conf"):
-            shutil.copy("/etc/resolv.conf", f"{self.root}/etc/resolv.conf")
+        # The network as this machine sees it, and the certificates that it trusts.
+        for path, inside in (("/etc/resolv.conf", "etc"), ("/etc/ssl/certs/" + CERTIFICATES, "opt")):
+            if os.path.exists(path):
+                shutil.copy(path, f"{self.root}/{inside}")
         for path in (*glob.glob(f"{self.packages}/*_{self.architecture}.deb"),
                      *glob.glob(f"{SCRIPTS}/*.py")):
             shutil.copy(path, f"{self.root}/opt")
