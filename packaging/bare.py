@@ -14,6 +14,7 @@ import os
 import queue
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import threading
@@ -350,6 +351,9 @@ class Test:
 
 
 def main(packages, types):
+    # The first process of a namespace ignores what it does not handle.
+    signal.signal(signal.SIGTERM, lambda number, frame: sys.exit("ended by a signal"))
+    signal.signal(signal.SIGINT, lambda number, frame: sys.exit("ended by a signal"))
     test = Test(os.path.abspath(packages), os.path.abspath(types))
     for step in Test.STEPS:
         start = time.monotonic()
