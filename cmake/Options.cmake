@@ -43,6 +43,14 @@ endif()
 
 include( Exports )
 
+# The number in the libraries' names, which says which binaries fit. A minor release may change them
+# in any way as long as the major version is 0, so that is 0.1, 0.2, ... until then, and 1, 2, ...
+# from 1.0 on. Programs ask for this name: one release of another number stands beside this one.
+set( QELKRELL_SOVERSION ${PROJECT_VERSION_MAJOR} )
+if( PROJECT_VERSION_MAJOR EQUAL 0 )
+    string( APPEND QELKRELL_SOVERSION .${PROJECT_VERSION_MINOR} )
+endif()
+
 # One of the shared libraries, from every source that the globs name. It shows what is marked for
 # export in the namespace of its own name.
 function( qelkrell_library name )
@@ -53,6 +61,7 @@ function( qelkrell_library name )
         list( APPEND sources ${found} )
     endforeach()
     add_library( ${name} SHARED ${sources} )
+    add_library( QelKrell::${name} ALIAS ${name} ) # its name outside of this tree
     target_include_directories( ${name} PUBLIC $<BUILD_INTERFACE:${ARG_INCLUDES}> $<INSTALL_INTERFACE:include> )
     target_compile_features( ${name} PUBLIC cxx_std_20 )
     target_link_libraries( ${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:qelkrell_options> )
@@ -65,5 +74,5 @@ function( qelkrell_library name )
     endif()
     # Installed together, they find each other wherever that is.
     set_target_properties( ${name} PROPERTIES INSTALL_RPATH $ORIGIN )
-    set_target_properties( ${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} )
+    set_target_properties( ${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${QELKRELL_SOVERSION} )
 endfunction()

@@ -2,6 +2,7 @@
 """Checks what a build leaves behind: exported names, needed libraries, the type section.
 
 usage: binaries.py exports LIBRARY
+       binaries.py symbols LIBRARY FILE [--record]
        binaries.py needed LIBRARY
        binaries.py atomics DIRECTORY...
        binaries.py types LIBRARY
@@ -10,6 +11,7 @@ usage: binaries.py exports LIBRARY
 Prints what is wrong; exit status 1 when anything is.
 """
 
+import collections
 import os
 import re
 import subprocess
@@ -77,6 +79,77 @@ def check_exports(library):
         return []
     readable = output("c++filt", *strange).splitlines()
     return [f"{library} exports {text}  ({n})" for n, text in zip(strange, readable)]
+
+
+def strong(library):
+    """The mangled names that the library defines for others and nobody else does.
+
+    What inline functions and templates leave, and the type information of classes without a virtual
+    function in a source, is weak: every user that needs it has it, and whether the library has it
+    too is the optimiser's affair.
+    """
+    listed = output("nm", "-D", "--defined-only", "--format=posix", library)
+    kinds = dict(line.split()[:2] for line in listed.splitlines())
+    return {name.split("@")[0] for name, kind in kinds.items() if kind not in "VWu"}
+
+
+def with_key_function(library):
+    """Mangled names of the classes of which a source has a virtual function, which the library
+    exports: their virtual tables and type information stand there alone, although they are weak."""
+    functions = strong(library)
+    called = {}
+    for offset, name in re.findall(r"^([0-9a-f]+) +[0-9a-f]+ R_\S+_64 +[0-9a-f]+ (\S+)",
+                                   output("readelf", "-rW", library), re.MULTILINE):
+        called[int(offset, 16)] = name.split("@")[0]
+    tables = re.findall(r"^ *\d+: ([0-9a-f]+) +(\d+) OBJECT .* _ZTVN(\S+)E$",
+                        output("readelf", "--dyn-syms", "-W", library), re.MULTILINE)
+    for begin, size, name in tables:
+        entries = {called.get(int(begin, 16) + at) for at in range(0, int(size), 8)}
+        own = re.compile(rf"_ZNK?{re.escape(name)}[\dD]")
+        if any(own.match(entry) for entry in entries & functions):
+            yield f"N{name}E"
+
+
+def symbols(library):
+    """What the library exports and nobody else defines, as sorted readable lines.
+
+    Names that read alike, as of a constructor's forms, are one line, with the parts of the mangled
+    names in which they differ.
+    """
+    classes = {f"_ZT{kind}{name}" for name in with_key_function(library) for kind in "VISTC"}
+    names = sorted(strong(library) | classes & set(exported(library)))
+    alike = collections.defaultdict(list)
+    for name, text in zip(names, output("c++filt", *names).splitlines()):
+        alike[text].append(name)
+    return sorted(text + forms(same) for text, same in alike.items())
+
+
+def forms(names):
+    if len(names) == 1:
+        return ""
+    begin = len(os.path.commonprefix(names))
+    end = len(os.path.commonprefix([name[:begin - 1:-1] for name in names]))
+    return f"  [{' '.join(name[begin:len(name) - end] for name in names)}]"
+
+
+def check_symbols(library, path, *options):
+    """What the library exports is what the file lists; `--record` writes the file instead."""
+    now = symbols(library)
+    if options == ("--record",):
+        with open(path, "w", encoding="utf-8") as file:
+            file.write("\n".join(now) + "\n")
+        return []
+    if not os.path.exists(path):
+        return [f"{path} is not there: `./dev symbols --record` writes it"]
+    with open(path, encoding="utf-8") as file:
+        recorded = file.read().splitlines()
+    if now == recorded:
+        return []
+    name = os.path.basename(library)
+    return ([f"{name} no longer exports {text}" for text in recorded if text not in now]
+            + [f"{name} newly exports {text}" for text in now if text not in recorded]
+            + [f"{path} lists what a release promises: if this is meant, `./dev symbols --record` "
+               "writes it anew"])
 
 
 def check_needed(library):
@@ -162,6 +235,7 @@ def check_types_of_source(source, compiler, *flags):
 
 CHECKS = {
     "exports": check_exports,
+    "symbols": check_symbols,
     "needed": check_needed,
     "atomics": check_atomics,
     "types": check_types,

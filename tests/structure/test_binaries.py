@@ -66,6 +66,37 @@ class BinariesCheck(unittest.TestCase):
         library = self.library("Qel", "int a;\n", "-fvisibility=hidden")
         self.assertEqual(binaries.check_exports(library), [f"{library} exports nothing"])
 
+    @unittest.skipIf("-m32" in os.environ.get("FLAGS", ""), "symbols are recorded for 64 bits")
+    def test_symbols_do_not_depend_on_the_optimiser(self):
+        text = ("#include <string>\nnamespace Qel { int data = 1; extern const int fixed = 2;\n"
+                "inline int shared = 3; inline int& own() { static int i = 4; return i; }\n"
+                "struct Pure { virtual void f() = 0; virtual ~Pure() = default; };\n"
+                "struct Header : Pure { void f() override {} };\n"
+                "struct Source : Pure { void f() override; virtual void g(); };\n"
+                "struct Thrown { int a; }; template < class T > T twice( T t ) { return t + t; }\n"
+                "void Source::f() { throw Thrown { own() + shared }; } void Source::g() {}\n"
+                "int use( Pure* p ) { Header h; h.f(); p->f(); return twice( data ); } }\n")
+        expected = ["Qel::Source::f()", "Qel::Source::g()", "Qel::data", "Qel::fixed",
+                    "Qel::use(Qel::Pure*)", "typeinfo for Qel::Source",
+                    "typeinfo name for Qel::Source", "vtable for Qel::Source"]
+        for level in ("-O0", "-O1", "-O2", "-O3"):
+            self.assertEqual(binaries.symbols(self.library("Qel", text, level)), expected, level)
+
+    @unittest.skipIf("-m32" in os.environ.get("FLAGS", ""), "symbols are recorded for 64 bits")
+    def test_changes_of_symbols_are_named(self):
+        path = os.path.join(self.directory.name, "Qel.txt")
+        text = "namespace Qel { struct A { A(); A( int ); }; A::A() {} %s }\n"
+        old = self.library("Qel", text % "A::A( int ) {}")
+        self.assertIn(f"{path} is not there", binaries.check_symbols(old, path)[0])
+        self.assertEqual(binaries.check_symbols(old, path, "--record"), [])
+        with open(path, encoding="utf-8") as file:
+            self.assertEqual(file.read(), "Qel::A::A()  [1 2]\nQel::A::A(int)  [1 2]\n")
+        self.assertEqual(binaries.check_symbols(old, path), [])
+        new = self.library("Qel", text % "void f( A& ) {}")
+        self.assertEqual(binaries.check_symbols(new, path)[:2],
+                         ["libQel.so no longer exports Qel::A::A(int)  [1 2]",
+                          "libQel.so newly exports Qel::f(Qel::A&)"])
+
     def test_needed_libraries(self):
         qel = self.library("Qel", "int qel;\n")
         other = self.library("Other", "int other;\n")
