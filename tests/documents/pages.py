@@ -1,0 +1,35 @@
+"""The pages whose blocks are run, and the blocks that cannot be: each with its reason."""
+
+import written
+
+# said     commands that the page says and that are not run, and why
+# files    files of the repository that stand in the directory
+# sources  the page itself sources the environment
+# left     how many blocks of a language are not run, and why
+# run      a function of tests that have more to do than going through the page
+PAGES = {
+    "README.md": {
+        "run": written.readme,
+        "left": {"indented": (1, "they would run all tests, and so this one, again")},
+    },
+    "docs/tutorial.md": {
+        "said": {"./dev build": "it made what this test uses; it takes minutes"},
+        "sources": True,
+    },
+    "docs/types.md": {
+        "run": written.types,
+        "left": {"text": (1, "an error message; tests/krell compares it whole")},
+    },
+    "docs/python.md": {"run": written.python},
+}
+
+# Documents for who works on the library: their blocks are layouts, or commands for hours.
+INTERNAL = {
+    "docs/benchmarks.md": "commands that measure for minutes",
+    "docs/concurrency.md": "protocols, as diagrams and pseudo code",
+    "docs/file-format.md": "layouts of files",
+    "docs/models.md": "commands and pieces of models, which tests/models runs",
+    "docs/style.md": "what a comment looks like",
+    "docs/testing.md": "commands that run for minutes, and what stands in tests",
+    "docs/writer-unlock.md": "a file's contents",
+}

@@ -1,0 +1,78 @@
+#!/usr/bin/env python3
+"""Everything that a page of the documents shows, run: test_pages.py SOURCE BUILD COMPILER PAGE"""
+
+import collections
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+import harness
+import pages
+
+SOURCE, BUILD, COMPILER, PAGE = sys.argv[1:5]
+del sys.argv[1:]
+
+
+class Use:
+    """A directory as `./dev build` leaves it, made of what is built already, and one to work in."""
+
+    def __init__(self):
+        self.root = tempfile.mkdtemp(prefix="qelkrell-documents-", dir="/dev/shm")
+        self.directory = os.path.join(self.root, "work")
+        use = os.path.join(self.directory, "build", "use")
+        os.makedirs(use)
+        for name in ("bin", "lib", "python"):
+            os.symlink(os.path.join(BUILD, name), os.path.join(use, name))
+        shutil.copy(os.path.join(SOURCE, "cmake", "environment"), use)
+        os.symlink(os.path.join(SOURCE, "examples"), os.path.join(self.directory, "examples"))
+        subprocess.run(["cmake", "--install", BUILD, "--prefix", os.path.join(use, "installed")],
+                       check=True, stdout=subprocess.DEVNULL)
+        kept = {name: os.environ[name] for name in ("PATH", "HOME", "LANG") if name in os.environ}
+        self.environment = dict(kept, KRELL_ROOT=os.path.join(self.root, "krell"),
+                                PYTHONDONTWRITEBYTECODE="1", QELKRELL=use)
+        script = f". {use}/environment; env -0"
+        found = subprocess.run(["bash", "-c", script], env=self.environment, check=True,
+                               stdout=subprocess.PIPE).stdout.decode().split("\0")
+        # The page that tells of the environment sources it by itself.
+        self.sourced = dict(line.split("=", 1) for line in found if "=" in line)
+
+    def close(self):
+        shutil.rmtree(self.root, ignore_errors=True)
+
+
+class Page(unittest.TestCase):
+    def test_everything_that_it_shows(self):
+        use = Use()
+        self.addCleanup(use.close)
+        how = pages.PAGES[PAGE]
+        blocks = harness.blocks_of(SOURCE, PAGE)
+        said = how.get("said", {})
+        console = harness.Console(use.directory, use.environment if how.get("sources") else
+                                  use.sourced, said)
+        self.addCleanup(console.close)
+        for name in how.get("files", ()):
+            shutil.copy(os.path.join(SOURCE, name), use.directory)
+        if "run" in how:
+            how["run"](self, use, blocks, COMPILER)
+        for block in blocks:
+            if block.used:
+                continue
+            if block.language == "console":
+                console.run(block)
+            elif block.argument:
+                console.file(block)
+        console.finish()
+        unused = collections.Counter(block.language for block in blocks if not block.used)
+        left = {language: count for language, (count, _) in how.get("left", {}).items()}
+        self.assertEqual(unused, left, "no test runs one of these: " + ", ".join(
+            str(block) for block in blocks if not block.used))
+        with open(os.path.join(SOURCE, PAGE), encoding="utf-8") as file:
+            text = file.read()
+        for command in said:
+            self.assertIn(command, text, f"{PAGE}: {command} is not said any more")
+
+
+unittest.main()
