@@ -5,6 +5,7 @@
 #include <typeindex>
 
 #include <Krell/Exception>
+#include <Qel/Text>
 #include <QelKrell/Exception>
 
 namespace QelKrellPython {
@@ -79,6 +80,8 @@ void addErrors( py::module_& module ) {
 
     add< Qel::InternalException >( module, "InternalException", both( PyExc_RuntimeError ) );
     add< Qel::RangeException >( module, "RangeException", both( PyExc_ValueError ) );
+    add< Qel::EndOfTextException >( module, "EndOfTextException",
+                                    py::make_tuple( errors().byName.at( "RangeException" ) ) );
     add< Qel::MemoryException >( module, "MemoryException", both( PyExc_MemoryError ) );
     add< Qel::NoImplementationException >( module, "NoImplementationException",
                                            both( PyExc_NotImplementedError ) );
