@@ -1,12 +1,14 @@
 """The pages whose blocks are run, and the blocks that cannot be: each with its reason."""
 
+import grammar
 import written
 
 # said     commands that the page says and that are not run, and why
 # files    files of the repository that stand in the directory
 # sources  the page itself sources the environment
 # left     how many blocks of a language are not run, and why
-# run      a function of tests that have more to do than going through the page
+# run      what is to be done before going through the page, for blocks that are parts of programs
+# then     what is to be done afterwards
 PAGES = {
     "README.md": {
         "run": written.readme,
@@ -21,6 +23,7 @@ PAGES = {
         "left": {"text": (1, "an error message; tests/krell compares it whole")},
     },
     "docs/python.md": {"run": written.python},
+    "docs/text-form.md": {"sources": True, "then": grammar.check},
 }
 
 # Documents for who works on the library: their blocks are layouts, or commands for hours.

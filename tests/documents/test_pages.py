@@ -44,6 +44,23 @@ class Use:
 
 
 class Page(unittest.TestCase):
+    def sessions(self, use, blocks):
+        """What is typed to Python, as one session; line numbers are those of the page."""
+        with open(os.path.join(SOURCE, PAGE), encoding="utf-8") as file:
+            lines = ["\n"] * len(file.readlines())
+        for block in blocks:
+            if block.language == "pycon":
+                block.used = True
+                for number, line in enumerate(block.lines, block.line):
+                    lines[number] = line + "\n"
+        session = os.path.join(use.root, os.path.basename(PAGE))
+        with open(session, "w", encoding="utf-8") as file:
+            file.writelines(lines)
+        done = subprocess.run(["/usr/bin/python3", "-m", "doctest", session], text=True,
+                              cwd=use.directory, env=use.sourced, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, check=False)
+        self.assertEqual(done.returncode, 0, done.stdout)
+
     def test_everything_that_it_shows(self):
         use = Use()
         self.addCleanup(use.close)
@@ -65,6 +82,9 @@ class Page(unittest.TestCase):
             elif block.argument:
                 console.file(block)
         console.finish()
+        if "then" in how:
+            how["then"](self, use, blocks)
+        self.sessions(use, blocks)
         unused = collections.Counter(block.language for block in blocks if not block.used)
         left = {language: count for language, (count, _) in how.get("left", {}).items()}
         self.assertEqual(unused, left, "no test runs one of these: " + ", ".join(
