@@ -26,10 +26,14 @@ import time
 PATIENCE = 60  # seconds
 LOOKS = ("cat ", "tail ", "krell ", "ls ", "stat ")
 MARK = "\036"
+# What krell says beside, to who is not root: pages show what root sees.
+HIDDEN = re.compile(r"\d+ processes of other users were not looked at$")
 SHELL = r"""trap : INT
 while IFS= read -r -d '' -u %d command; do
+    (exit ${status:-0})
     eval "$command" %d<&-
-    printf '\036%%d\n' $?
+    status=$?
+    printf '\036%%d\n' $status
 done"""
 
 
@@ -91,7 +95,8 @@ def matches(wanted, got):
             pattern += r"(.*\n)*?"
         else:
             pattern += ".*".join(re.escape(part) for part in line.split("...")) + r"\n"
-    return re.fullmatch(pattern, "".join(line + "\n" for line in got)) is not None
+    text = "".join(line + "\n" for line in got if not HIDDEN.match(line))
+    return re.fullmatch(pattern, text) is not None
 
 
 class Terminal:

@@ -23,6 +23,7 @@ PAGES = {
         "left": {"text": (1, "an error message; tests/krell compares it whole")},
     },
     "docs/python.md": {"run": written.python},
+    "docs/tool.md": {"sources": True},
     "docs/text-form.md": {"sources": True, "then": grammar.check},
 }
 
