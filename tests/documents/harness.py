@@ -24,7 +24,7 @@ import threading
 import time
 
 PATIENCE = 60  # seconds
-LOOKS = ("cat ", "tail ", "krell ", "ls ", "stat ")
+LOOKS = re.compile(r"(?!.*&$)(as \d+ \d+ |container )?(cat|tail|krell|ls|stat|plant-list)\b")
 MARK = "\036"
 # What krell says beside, to who is not root: pages show what root sees.
 HIDDEN = re.compile(r"\d+ processes of other users were not looked at$")
@@ -184,7 +184,7 @@ def steps_of(block):
             last.text = last.text[:-1] + line.strip()
         elif line == "^C":
             steps.append(Step("^C", "", number))
-        elif line.startswith(("$ ", "> ")):
+        elif line.startswith(("$ ", "> ")) or line == ">":
             steps.append(Step(line[0], line[2:], number))
         else:
             last.wanted.append(line)
@@ -210,7 +210,7 @@ class Console:
     def _ended(self, block, step, terminal):
         got = terminal.ended()
         deadline = time.monotonic() + PATIENCE
-        look = step.kind == "$" and step.text.startswith(LOOKS) and not step.text.endswith("&")
+        look = step.kind == "$" and LOOKS.match(step.text)
         while got is not None and not matches(step.wanted, got) and look and \
                 time.monotonic() < deadline:
             time.sleep(0.05)
@@ -232,7 +232,6 @@ class Console:
             terminal.interrupt()
         may_run = following.kind != "$" if following else bool(block.argument)
         if step.kind == "$" and step.text.endswith("&"):
-            self._ended(block, Step("$", step.text, step.number), terminal)
             may_run = True
         if not may_run or step.kind == "^C":
             self._ended(block, step, terminal)

@@ -6,6 +6,7 @@ import written
 # said     commands that the page says and that are not run, and why
 # files    files of the repository that stand in the directory
 # sources  the page itself sources the environment
+# root     why only root can do it; else the test is skipped
 # left     how many blocks of a language are not run, and why
 # run      what is to be done before going through the page, for blocks that are parts of programs
 # then     what is to be done afterwards
@@ -23,6 +24,10 @@ PAGES = {
         "left": {"text": (1, "an error message; tests/krell compares it whole")},
     },
     "docs/python.md": {"run": written.python},
+    "docs/howto/containers.md": {"sources": True, "root": "mounts, namespaces"},
+    "docs/howto/many-collections.md": {"sources": True, "run": written.many},
+    "docs/howto/writer-restart.md": {"sources": True, "run": written.restart},
+    "docs/howto/permissions.md": {"sources": True, "root": "several users"},
     "docs/tool.md": {"sources": True},
     "docs/text-form.md": {"sources": True, "then": grammar.check},
 }

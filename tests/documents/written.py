@@ -111,3 +111,52 @@ def python(test, use, blocks, _):
     test.assertEqual(done.returncode, 0, done.stderr)
     test.assertEqual(done.stdout.splitlines(), [
         "7 21.5", "7 Value('Power::Reading', ** {'sensor': 7, 'celsius': 21.5})", "changed: 9"])
+
+
+def restart(test, use, blocks, compiler):
+    (sweeping,) = take(blocks, "cpp", 1)
+    (comparing,) = take(blocks, "python", 1)
+    plant = '#include "%s/examples/plant/Plant.h"\n' % use.directory + \
+        'QEL_TYPES( "power", Reading, Pump, Plant );\n#include <map>\n'
+    mount = MOUNT + """
+        QelKrell::MountInfo info( QelKrell::writer );
+        info.collectionInfoIs( { "reading", 10 } );
+        auto plant = Qel::ptrCast< Plant >( mount.doMount( "a", "Power::Plant", info ) );
+        const auto is = [ & ]( Qel::U32 sensor ) { plant->reading.is( { sensor, 1 } ); };
+        is( 1 ); is( 2 ); is( 3 );
+        const auto watch = plant->reading.onEntry( []( Qel::U32 s ) { std::cout << s << " "; } );
+        const std::map< Qel::U32, double > present { { 2, 1 }, { 3, 5 } };
+        """
+    program = Running(test, use, compiled(test, use, "restart", plant +
+                                          "int main() { %s %s }\n" % (mount, sweeping), compiler))
+    test.assertEqual(program.line(), "3 1 1 swept")
+    library = os.path.join(use.directory, "build", "use", "lib", "libplant-types.so")
+    script = "\n".join([
+        "import qelkrell", "qelkrell.load_types(%r)" % library, "plant = qelkrell.Site('site')"
+        ".mount('b', 'Power::Plant', 'writer')",
+        "for s in 7, 9: plant.reading[s] = {'sensor': s, 'celsius': 21.5}",
+        "watch = plant.reading.watch(lambda s: print(s, end=' '))", comparing])
+    done = subprocess.run(["/usr/bin/python3", "-c", script], env=use.sourced, text=True,
+                          stdout=subprocess.PIPE, timeout=PATIENCE, check=True)
+    test.assertEqual(done.stdout, "9 10 ")
+
+
+def many(test, use, blocks, _):
+    (finding,) = take(blocks, "python", 1)
+    library = os.path.join(use.directory, "build", "use", "lib", "libplant-types.so")
+    script = "\n".join([
+        "import os, qelkrell", "qelkrell.load_types(%r)" % library, "site = qelkrell.Site('site')",
+        "if os.fork() == 0:",
+        "    plants = [site.mount(f'north/{i}', 'Power::Plant', 'writer') for i in range(3)]",
+        "    other = site.mount('south', 'Power::Plant', 'writer')",
+        "    os._exit(0)", "os.wait()",
+        "descriptors = lambda: len(os.listdir('/proc/self/fd'))",
+        finding.replace('site.unmount("north")', 'print(descriptors())\nsite.unmount("north")'),
+        "print(descriptors(), sorted(site.find('north')))"])
+    done = subprocess.run(["/usr/bin/python3", "-c", script], env=use.sourced, text=True,
+                          stdout=subprocess.PIPE, timeout=PATIENCE, check=True)
+    mounted, rest = done.stdout.split("\n", 1)
+    left, found = rest.split(" ", 1)
+    test.assertEqual(found, "['/site/Krell/north/0', '/site/Krell/north/1', "
+                     "'/site/Krell/north/2']\n")
+    test.assertEqual(int(mounted) - int(left), 6)  # two collections each
