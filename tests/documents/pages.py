@@ -7,6 +7,7 @@ import written
 # files    files of the repository that stand in the directory
 # sources  the page itself sources the environment
 # root     why only root can do it; else the test is skipped
+# width    needs programs of 32 bits, where QELKRELL_BIN32 says; else the test is skipped
 # left     how many blocks of a language are not run, and why
 # run      what is to be done before going through the page, for blocks that are parts of programs
 # then     what is to be done afterwards
@@ -27,6 +28,14 @@ PAGES = {
     "docs/howto/containers.md": {"sources": True, "root": "mounts, namespaces"},
     "docs/howto/many-collections.md": {"sources": True, "run": written.many},
     "docs/howto/writer-restart.md": {"sources": True, "run": written.restart},
+    "docs/howto/sizing.md": {"sources": True},
+    "docs/howto/32-bit.md": {
+        "said": {"./dev build": "it made what this test uses; it takes minutes",
+                 "cmake --preset i386 -B build/use32 -DQELKRELL_TESTS=OFF":
+                 "./dev test builds these programs, for all tests of two widths",
+                 "cmake --build build/use32": "likewise"},
+        "sources": True, "width": True,
+    },
     "docs/howto/permissions.md": {"sources": True, "root": "several users"},
     "docs/tool.md": {"sources": True},
     "docs/text-form.md": {"sources": True, "then": grammar.check},

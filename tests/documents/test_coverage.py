@@ -56,6 +56,40 @@ class Coverage(unittest.TestCase):
                     self.assertTrue(os.path.exists(where), f"{page}: {link}")
 
 
+class Limits(unittest.TestCase):
+    def rows(self, page):
+        with open(os.path.join(SOURCE, page), encoding="utf-8") as file:
+            return [[cell.strip() for cell in line.strip("|\n").split("|")] for line in file
+                    if line.startswith("|")]
+
+    def test_numbers_are_those_of_the_headers(self):
+        headers = ""
+        for directory, _, files in os.walk(os.path.join(SOURCE, "libs/Krell/include")):
+            for name in files:
+                with open(os.path.join(directory, name), encoding="utf-8") as file:
+                    headers += file.read()
+        named = [row for row in self.rows("docs/limits.md") if row[-1].endswith("Limit_`") or
+                 row[-1].startswith("`max")]
+        self.assertEqual(len(named), 5)
+        for _, number, name in named:
+            found = re.findall(r"U32 " + name.strip("`") + r" = (\w+);", headers)
+            self.assertEqual([int(one.rstrip("u"), 0) for one in found],
+                             [int(number.replace(",", ""))], name)
+
+    def test_ratios_are_those_of_the_benchmarks(self):
+        measured = {row[0].split("`")[1]: row for row in self.rows("docs/benchmarks.md")
+                    if len(row) == 6 and row[0].startswith("`")}
+        missed = [row for row in self.rows("docs/limits.md") if len(row) == 4 and "to" in row[1]]
+        self.assertEqual(len(missed), 9)
+        for name, ratio, target, _ in missed:
+            row = measured[name.split("`")[1]]
+            figures = [float(figure) for figure in row[1:5] if figure]
+            self.assertEqual([float(one) for one in ratio.split(" to ")],
+                             [min(figures), max(figures)], name)
+            self.assertEqual(float(target), float(row[5]), name)
+            self.assertGreater(max(figures), float(target), name)
+
+
 class Harness(unittest.TestCase):
     def blocks(self, text):
         with tempfile.TemporaryDirectory() as directory:

@@ -94,8 +94,13 @@ class Page(unittest.TestCase):
         how = pages.PAGES[PAGE]
         if "root" in how and not can_be_root():
             self.skipTest("only root can do this: " + how["root"])
+        narrow = os.environ.get("QELKRELL_BIN32")
+        if "width" in how and not narrow:
+            self.skipTest("there are no programs of 32 bits")
         use = Use("root" in how)
         self.addCleanup(use.close)
+        if "width" in how:
+            os.symlink(os.path.dirname(narrow), os.path.join(use.directory, "build", "use32"))
         blocks = harness.blocks_of(SOURCE, PAGE)
         said = how.get("said", {})
         console = harness.Console(use.directory, use.environment if how.get("sources") else
