@@ -20,10 +20,12 @@ del sys.argv[1:]
 class Use:
     """A directory as `./dev build` leaves it, made of what is built already, and one to work in."""
 
-    def __init__(self, others):
+    def __init__(self):
         self.root = tempfile.mkdtemp(prefix="qelkrell-documents-")
         self.krell = tempfile.mkdtemp(prefix="qelkrell-documents-", dir="/dev/shm")
         self.directory = os.path.join(self.root, "work")
+
+    def fill(self, others):
         use = os.path.join(self.directory, "build", "use")
         os.makedirs(use)
         for name in ("bin", "lib", "python"):
@@ -97,8 +99,9 @@ class Page(unittest.TestCase):
         narrow = os.environ.get("QELKRELL_BIN32")
         if "width" in how and not narrow:
             self.skipTest("there are no programs of 32 bits")
-        use = Use("root" in how)
+        use = Use()
         self.addCleanup(use.close)
+        use.fill("root" in how)
         if "width" in how:
             os.symlink(os.path.dirname(narrow), os.path.join(use.directory, "build", "use32"))
         blocks = harness.blocks_of(SOURCE, PAGE)

@@ -4,6 +4,8 @@ import os
 import subprocess
 import textwrap
 
+import harness
+
 PATIENCE = 120  # seconds
 INCLUDED = """
 #include <cstdio>
@@ -90,7 +92,32 @@ def readme(test, use, blocks, compiler):
 
 def types(test, use, blocks, compiler):
     plant, registration = take(blocks, "cpp", 2)
-    compiled(test, use, "types", plant + registration + "\nint main() {}\n", compiler)
+    (refusal,) = take(blocks, "text", 1)
+    mount = MOUNT + """
+        try {
+            mount.doMount( "north/plant", "Power::Plant", QelKrell::MountInfo( QelKrell::%s ) );
+        } catch ( const Qel::Exception& e ) {
+            std::cout << e.what() << std::endl;
+        }
+        std::puts( "mounted" );
+        """
+    # Two other versions: the writer's has the time besides, the reader's fewer digits.
+    newer = plant.replace("double celsius = 0;", "double celsius = 0;\n    Qel::U64 takenAt = 0;") \
+        .replace('"celsius", &Reading::celsius )',
+                 '"celsius", &Reading::celsius ),\n Qel::attribute( "takenAt", &Reading::takenAt )')
+    older = plant.replace("double celsius", "float celsius")
+    mount_writer = mount.replace(
+        "try {", "try { QelKrell::MountInfo info( QelKrell::writer );\n"
+        'info.collectionInfoIs( { "reading", 10 } );').replace(
+            "QelKrell::MountInfo( QelKrell::%s )", "info")
+    said = []
+    for name, text in (("writer", newer + registration + "int main() { %s }" % mount_writer),
+                       ("reader", older + registration + "int main() { %s }" % (mount % "reader"))):
+        program = compiled(test, use, name, text, compiler)
+        said.append(subprocess.run([program], env=use.sourced, text=True, check=True,
+                                   stdout=subprocess.PIPE).stdout)
+    test.assertEqual(said[0], "mounted\n")
+    test.assertTrue(harness.matches([" ".join(refusal.split())], [said[1].split("\n")[0]]), said[1])
 
 
 def python(test, use, blocks, _):
