@@ -1,6 +1,7 @@
 #include "Errors.h"
 
 #include <map>
+#include <optional>
 #include <string>
 #include <typeindex>
 
@@ -46,10 +47,10 @@ py::object typeOf( const Krell::Exception& e ) {
     return found == errors().byName.end() ? errors().base : found->second;
 }
 
-void raise( const py::object& type, const std::string& text, unsigned pid = 0 ) {
+void raise( const py::object& type, const std::string& text, std::optional< Qel::U32 > pid = {} ) {
     const py::object error = type( text );
-    if ( pid != 0 ) {
-        error.attr( "pid" ) = pid; // of the process that writes
+    if ( pid ) {
+        error.attr( "pid" ) = *pid; // of the process that writes; 0: it cannot be seen from here
     }
     PyErr_SetObject( type.ptr(), error.ptr() );
 }

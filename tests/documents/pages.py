@@ -24,6 +24,7 @@ PAGES = {
     "docs/python.md": {"run": written.python},
     "docs/howto/containers.md": {"sources": True, "root": "mounts, namespaces"},
     "docs/howto/many-collections.md": {"sources": True, "run": written.many},
+    "docs/howto/standby.md": {"sources": True},
     "docs/howto/writer-restart.md": {"sources": True, "run": written.restart},
     "docs/howto/sizing.md": {"sources": True},
     "docs/howto/32-bit.md": {
