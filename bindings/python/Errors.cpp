@@ -1,10 +1,12 @@
 #include "Errors.h"
 
 #include <map>
+#include <optional>
 #include <string>
 #include <typeindex>
 
 #include <Krell/Exception>
+#include <Qel/Text>
 #include <QelKrell/Exception>
 
 namespace QelKrellPython {
@@ -45,10 +47,10 @@ py::object typeOf( const Krell::Exception& e ) {
     return found == errors().byName.end() ? errors().base : found->second;
 }
 
-void raise( const py::object& type, const std::string& text, unsigned pid = 0 ) {
+void raise( const py::object& type, const std::string& text, std::optional< Qel::U32 > pid = {} ) {
     const py::object error = type( text );
-    if ( pid != 0 ) {
-        error.attr( "pid" ) = pid; // of the process that writes
+    if ( pid ) {
+        error.attr( "pid" ) = *pid; // of the process that writes; 0: it cannot be seen from here
     }
     PyErr_SetObject( type.ptr(), error.ptr() );
 }
@@ -79,6 +81,8 @@ void addErrors( py::module_& module ) {
 
     add< Qel::InternalException >( module, "InternalException", both( PyExc_RuntimeError ) );
     add< Qel::RangeException >( module, "RangeException", both( PyExc_ValueError ) );
+    add< Qel::EndOfTextException >( module, "EndOfTextException",
+                                    py::make_tuple( errors().byName.at( "RangeException" ) ) );
     add< Qel::MemoryException >( module, "MemoryException", both( PyExc_MemoryError ) );
     add< Qel::NoImplementationException >( module, "NoImplementationException",
                                            both( PyExc_NotImplementedError ) );

@@ -80,6 +80,20 @@ TEST_F( DirectoryTest, ModesDoNotDependOnTheUmask ) {
     }
 }
 
+TEST_F( DirectoryTest, WhereGroupsAreInheritedTheyAreAllTheWay ) {
+    for ( mode_t mask : { 022, 077 } ) {
+        const std::string top = root / ( "group" + std::to_string( mask ) );
+        ASSERT_EQ( ::mkdir( top.c_str(), 0750 ), 0 );
+        ASSERT_EQ( ::chmod( top.c_str(), 02750 ), 0 );
+        const mode_t old = ::umask( mask );
+        const Directory directory = Directory::create( top + "/a/b/c" );
+        ::umask( old );
+        EXPECT_TRUE( directory.isOpen() );
+        EXPECT_EQ( modeOf( top + "/a" ), 02750 ) << mask;
+        EXPECT_EQ( modeOf( top + "/a/b/c" ), 02750 ) << mask;
+    }
+}
+
 TEST_F( DirectoryTest, ModesOfWhatExistsStay ) {
     ASSERT_EQ( ::mkdir( ( root / "a" ).c_str(), 0700 ), 0 );
     EXPECT_TRUE( made( "a" ).isOpen() );

@@ -92,6 +92,7 @@ class changes:
         self._collection = collection
         self._keys = {}  # in the order of their first change
         self._listed = []
+        self._taken = {}  # while the mount is fresh: key: the collection's last change then
         self._loop = None
         self._waiting = None
         self._watch = None
@@ -112,8 +113,12 @@ class changes:
             if self._watch is not None and key not in self._collection:
                 self._put(key)
         self._listed = []
+        self._taken = {}
 
     def _put(self, key):
+        # The first round of a new mount tells of everything: not again of what was listed already.
+        if key in self._taken and self._taken[key] == self._collection.control.sequence():
+            return
         self._keys[key] = None
         if self._waiting is not None and not self._waiting.done():
             self._waiting.set_result(None)
@@ -124,6 +129,8 @@ class changes:
             await self._waiting
         key = next(iter(self._keys))
         del self._keys[key]
+        if self._listed:
+            self._taken[key] = self._collection.control.sequence()
         return key
 
     async def aclose(self):

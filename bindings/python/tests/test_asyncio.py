@@ -32,6 +32,31 @@ def test_changes_of_another_process_come(shared, fork):  # noqa: F811
     assert threading.active_count() == threads
 
 
+def test_what_is_there_comes_once_to_a_new_mount_and_to_an_old_one(shared, fork):  # noqa: F811
+    other = fork(writer)
+    assert other.hear() == "ready"
+    other.say([(1, 1.0), (2, 2.0)])
+    assert other.hear() == "done"
+
+    async def follow():
+        plant = shared.mount(*PLANT)
+        for last in (3, 4):
+            seen = []
+            stream = changes(plant.reading)
+            async for sensor in stream:
+                seen.append(sensor)
+                if sorted(seen) == list(range(1, last)):
+                    while plant.reading.control.readerCounters().conquerEnd == 0:
+                        await asyncio.sleep(0)
+                    other.say([(last, 0.0)])
+                if sensor == last:
+                    break
+            stream.close()
+            assert sorted(seen) == list(range(1, last + 1))
+
+    asyncio.run(asyncio.wait_for(follow(), 60))
+
+
 def test_two_tasks_follow_at_once(site):
     plant = site.mount(*PLANT, role="writer", sizes={"reading": 10})
 

@@ -110,6 +110,9 @@ def test_other_mistakes_are_told():
         place.x = 3
     with pytest.raises(qelkrell.RangeException):
         parse("Kinds::Place", "Value('Kinds::Place', ** {'x': 1})junk")
+    with pytest.raises(qelkrell.EndOfTextException) as ended:
+        parse("Kinds::Place", "Value('Kinds::Place', ** {'x': 1}")
+    assert isinstance(ended.value, qelkrell.RangeException)
     with pytest.raises(ValueError):
         Value("Kinds::All", colour="yellow")
     with pytest.raises(ValueError, match="does not fit"):

@@ -56,6 +56,15 @@ std::string joined( const std::string& path, const std::string& name ) {
     return path == "/" ? path + name : path + "/" + name;
 }
 
+// Whether the umask took something from the mode of a directory that was just made.
+bool isCut( const struct stat& status ) noexcept {
+    return ( status.st_mode & 0777 ) != directoryMode;
+}
+// Setting the mode must not take away that groups are inherited, where that is so.
+mode_t uncut( const struct stat& status ) noexcept {
+    return directoryMode | ( status.st_mode & S_ISGID );
+}
+
 // The directory `name` below `base`; empty when it is missing. The mode of one that is made does
 // not depend on the umask.
 Fd openStep(
@@ -63,20 +72,25 @@ Fd openStep(
     const char* const entry = name.c_str();
     Fd fd( openRetried( base.get(), entry, flags ) );
     bool made = false;
+    struct stat status;
     if ( !fd && errno == ENOENT && make ) {
         made = ::mkdirat( base.get(), entry, directoryMode ) == 0;
         if ( !made && errno != EEXIST ) {
             throwSystemFailure( "mkdirat", path, errno );
         }
-        if ( made ) { // for a umask that took the right to open it
-            ::fchmodat( base.get(), entry, directoryMode, AT_SYMLINK_NOFOLLOW );
+        if ( made && ::fstatat( base.get(), entry, &status, AT_SYMLINK_NOFOLLOW ) == 0 &&
+             isCut( status ) ) { // it may not be opened else
+            ::fchmodat( base.get(), entry, uncut( status ), AT_SYMLINK_NOFOLLOW );
         }
         fd.reset( openRetried( base.get(), entry, made ? flags & ~O_PATH : flags ) );
     }
     if ( !fd && errno != ENOENT ) {
         throwSystemFailure( "openat", path, reasonOf( base.get(), entry, errno ) );
     }
-    if ( fd && made && ::fchmod( fd.get(), directoryMode ) != 0 ) {
+    if ( fd && made && ::fstat( fd.get(), &status ) != 0 ) {
+        throwSystemFailure( "fstat", path, errno );
+    }
+    if ( fd && made && isCut( status ) && ::fchmod( fd.get(), uncut( status ) ) != 0 ) {
         throwSystemFailure( "fchmod", path, errno );
     }
     return fd;
