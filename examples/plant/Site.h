@@ -1,4 +1,4 @@
-// What each program of the plant begins with: the plant, mounted in a role.
+// What each program of the plant begins with: the plant, mounted in a role, as long as this lives.
 
 #pragma once
 
@@ -14,6 +14,10 @@ public:
         mount_.handleInitialized();
         plant_ = Qel::ptrCast< Plant >( mount_.doMount( "north/plant", "Power::Plant", info ) );
     }
+    ~Site() { mount_.doUnmount( "north/plant" ); }
+    Site( const Site& ) = delete;
+    Site& operator=( const Site& ) = delete;
+
     Plant& plant() const { return *plant_; }
 
 private:
