@@ -140,6 +140,29 @@ def python(test, use, blocks, _):
         "7 21.5", "7 Value('Power::Reading', ** {'sensor': 7, 'celsius': 21.5})", "changed: 9"])
 
 
+def packages(test, use, blocks, compiler):
+    """The page's lines for CMake, in a project of a newcomer."""
+    (lines,) = take(blocks, "cmake", 1)
+    project = os.path.join(use.directory, "project")
+    os.mkdir(project)
+    for name, text in (("CMakeLists.txt", "cmake_minimum_required( VERSION 3.25 )\n"
+                        "project( program LANGUAGES CXX )\nadd_executable( program program.cpp )\n"
+                        + lines),
+                       ("program.cpp", INCLUDED + "int main() { %s std::puts( mount.initialized() "
+                        '? "there" : "" ); }' % MOUNT)):
+        with open(os.path.join(project, name), "w", encoding="utf-8") as file:
+            file.write(text)
+    build = os.path.join(project, "build")
+    for command in (["cmake", "-S", project, "-B", build, "-DCMAKE_CXX_COMPILER=" +
+                     compiler.split()[0], "-DCMAKE_PREFIX_PATH=" +
+                     os.path.join(use.directory, "build", "use", "installed")],
+                    ["cmake", "--build", build], [os.path.join(build, "program")]):
+        done = subprocess.run(command, env=use.sourced, text=True, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, timeout=PATIENCE, check=False)
+        test.assertEqual(done.returncode, 0, done.stdout)
+    test.assertEqual(done.stdout, "there\n")
+
+
 def restart(test, use, blocks, compiler):
     (sweeping,) = take(blocks, "cpp", 1)
     (comparing,) = take(blocks, "python", 1)
