@@ -176,6 +176,7 @@ int watch( const Options& options ) {
     const std::vector< Facts > all = readable( options );
     Counter counter( options.changes );
     std::vector< std::unique_ptr< Watched > > watched;
+    watched.reserve( all.size() );
     for ( const Facts& facts : all ) {
         watched.push_back( std::make_unique< Watched >(
             facts, Output( options, facts, all.size() == 1 ), counter ) );

@@ -62,9 +62,7 @@ CLI::App* add( CLI::App& app, const Command& command, Options& options ) {
     return sub;
 }
 
-} // namespace
-
-int main( int argc, char** argv ) {
+int run( int argc, char** argv ) {
     CLI::App app( "Looks at shared collections. KRELL_ROOT names their root directory." );
     app.name( "krell" );
     app.require_subcommand( 0, 1 );
@@ -81,14 +79,21 @@ int main( int argc, char** argv ) {
     } catch ( const CLI::ParseError& e ) {
         return app.exit( e ) == 0 ? 0 : 2;
     }
-    try {
-        QelKrell::surviveShortenedFiles();
-        options.path = KrellTool::pathBelowRoot( options.path );
-        for ( const auto& [ sub, command ] : added ) {
-            if ( sub->parsed() ) {
-                return command->run( options );
-            }
+    QelKrell::surviveShortenedFiles();
+    options.path = KrellTool::pathBelowRoot( options.path );
+    for ( const auto& [ sub, command ] : added ) {
+        if ( sub->parsed() ) {
+            return command->run( options );
         }
+    }
+    return 2;
+}
+
+} // namespace
+
+int main( int argc, char** argv ) {
+    try {
+        return run( argc, argv );
     } catch ( const Krell::Exception& e ) {
         std::cerr << "krell: " << e.msg() << "\n";
     } catch ( const std::exception& e ) {

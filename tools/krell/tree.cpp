@@ -98,6 +98,7 @@ std::vector< Facts > factsBelow( const std::string& path ) {
         throw Error( "there is no collection at or below " + rootDirectory() + path );
     }
     std::vector< Facts > facts;
+    facts.reserve( places.size() );
     for ( const Place& place : places ) {
         facts.push_back( factsOf( place ) );
     }

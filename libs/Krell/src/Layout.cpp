@@ -71,8 +71,8 @@ class Differences {
 public:
     void add( const std::string& what, const std::string& there, const std::string& here ) {
         if ( ++count_ <= mostDifferences ) {
-            text_ += ( text_.empty() ? "" : "; " ) + what + ": " + there + " there, " + here +
-                     " here";
+            text_ +=
+                ( text_.empty() ? "" : "; " ) + what + ": " + there + " there, " + here + " here";
         }
     }
     std::string text() const {

@@ -83,8 +83,8 @@ bool ReaderTable::copyValue( const U64* key, U64* value ) {
     return search( hashWords( key, words ), [ & ]( U32 index ) {
         U64 found[ Layout::wordsOf( Layout::sizeLimit_ ) ];
         U64 version = 0;
-        const bool same = copySlot( index, found, value, version ) &&
-                          std::equal( key, key + words, found );
+        const bool same =
+            copySlot( index, found, value, version ) && std::equal( key, key + words, found );
         return same ? Walk::found : Walk::absent;
     } );
 }
