@@ -59,6 +59,8 @@ public:
 
     const Krell::Layout& layout() const { return segments_->layout(); }
     Krell::Segments& segments() { return *segments_; }
+    Krell::ReaderTable& table() { return table_; }
+    const Krell::ReaderTable& table() const { return table_; }
     // f( key, value ), words in their fixed-width form, for each entry, until it returns false.
     void forEach( const std::function< bool( const U64* key, const U64* value ) >& f );
 

@@ -17,6 +17,7 @@ struct Options {
     std::vector< std::string > types; // libraries
     double seconds = 1;               // between two looks
     bool once = false;
+    bool readers = false; // each of them on a line
     unsigned changes = 0; // watch: end after so many; 0: never
 };
 

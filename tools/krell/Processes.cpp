@@ -148,7 +148,8 @@ UsersOfAll usersOfAll( const std::string& root ) {
         const std::string name = it->path().filename().string();
         pid_t pid = 0;
         const auto parsed = std::from_chars( name.data(), name.data() + name.size(), pid );
-        if ( parsed.ec == std::errc() && parsed.ptr == name.data() + name.size() ) {
+        if ( parsed.ec == std::errc() && parsed.ptr == name.data() + name.size() &&
+             pid != ::getpid() ) {
             scan.look( pid );
         }
     }

@@ -34,7 +34,8 @@ struct Users {
     std::vector< Reader > readers;
 };
 
-// By the collection's directory. Processes that may not be looked at are left out, and counted.
+// By the collection's directory, without this process.
+// Processes that may not be looked at are left out, and counted.
 struct UsersOfAll {
     std::map< std::string, Users > byDirectory;
     U32 hidden = 0;

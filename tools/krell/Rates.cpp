@@ -2,64 +2,119 @@
 
 #include <algorithm>
 
+#include <Krell/Exception>
+
 namespace KrellTool {
 
 namespace {
 
-std::optional< Slowest > slowestOf( const Facts& facts, const Users& users ) {
-    std::optional< Slowest > slowest;
+std::vector< Lag > lagsOf( const Facts& facts, const Users& users ) {
+    std::vector< Lag > lags;
     for ( const Reader& reader : users.readers ) {
         if ( reader.consumed ) {
-            const U64 lag =
-                facts.sequence > *reader.consumed ? facts.sequence - *reader.consumed : 0;
-            if ( !slowest || lag > slowest->lag ) {
-                slowest = Slowest { reader.process, lag };
-            }
+            const U64 seen = std::min( *reader.consumed, facts.sequence );
+            lags.push_back( { reader.process, facts.sequence - seen } );
         }
     }
-    return slowest;
+    std::stable_sort( lags.begin(), lags.end(),
+                      []( const Lag& a, const Lag& b ) { return a.changes > b.changes; } );
+    return lags;
 }
 
 } // namespace
 
-Sample Sample::of( const std::string& path ) {
-    Sample sample;
-    sample.users = usersOfAll( rootDirectory() ); // first: no reader is ahead of its collection
-    sample.all = factsBelow( path );
-    sample.time = std::chrono::steady_clock::now();
-    return sample;
+Followed::Followed( const Place& place )
+    : contents_( place ), queue_( contents_.segments(), contents_.table() ) {}
+
+U64 Followed::changedKeys() {
+    U64 keys = 0;
+    queue_.drain( [ & ]( U32 ) {
+        ++keys;
+        return true;
+    } );
+    if ( !remapsBefore_ ) {
+        remapsBefore_ = allRemaps();
+    }
+    return keys;
 }
 
-std::vector< Activity > activities( const Sample& before, const Sample& now ) {
-    std::map< std::string, const Facts* > former;
-    for ( const Facts& facts : before.all ) {
-        former[ facts.place.path ] = &facts;
-    }
-    const double seconds = std::chrono::duration< double >( now.time - before.time ).count();
+U64 Followed::allRemaps() const {
+    return U64( contents_.table().slotResizes() ) + queue_.counts().resizes;
+}
+U64 Followed::remaps() const { return allRemaps() - remapsBefore_.value_or( allRemaps() ); }
+
+Rates::Rates( std::string path ) : path_( std::move( path ) ) { look(); }
+
+std::vector< Activity > Rates::look() {
+    const UsersOfAll users = usersOfAll( rootDirectory() ); // first: none is ahead of its writer
+    const std::vector< Facts > present = factsBelow( path_ );
+    const auto now = std::chrono::steady_clock::now();
+    const double seconds = std::chrono::duration< double >( now - time_ ).count();
+    time_ = now;
     std::vector< Activity > all;
-    for ( const Facts& facts : now.all ) {
-        Activity one;
-        one.facts = facts;
-        const auto users = now.users.byDirectory.find( facts.place.directory );
-        if ( users != now.users.byDirectory.end() ) {
-            one.readers = users->second.readers.size();
-            one.slowest = slowestOf( facts, users->second );
+    std::map< std::string, Former > seen;
+    for ( const Facts& facts : present ) {
+        Former& former = seen[ facts.place.path ];
+        const auto was = former_.find( facts.place.path );
+        if ( was == former_.end() ) {
+            former.facts = facts;
+        } else {
+            former = std::move( was->second );
         }
-        const auto was = former.find( facts.place.path );
-        if ( was != former.end() ) {
-            const Facts& old = *was->second;
-            one.restarted = old.fenix != facts.fenix || old.reigns != facts.reigns;
-            one.grew = facts.capacity > old.capacity;
-            if ( old.fenix == facts.fenix && facts.sequence >= old.sequence && seconds > 0 ) {
-                one.changesPerSecond = double( facts.sequence - old.sequence ) / seconds;
-            }
+        all.push_back( activityOf( facts, former, seconds ) );
+        const auto found = users.byDirectory.find( facts.place.directory );
+        if ( found != users.byDirectory.end() ) {
+            all.back().readers = found->second.readers.size();
+            all.back().lags = lagsOf( facts, found->second );
         }
-        all.push_back( std::move( one ) );
+        former.facts = facts;
     }
+    former_ = std::move( seen );
     std::stable_sort( all.begin(), all.end(), []( const Activity& a, const Activity& b ) {
         return a.changesPerSecond > b.changesPerSecond;
     } );
     return all;
+}
+
+// `former` is of the last look, or of this one when that is the first.
+Activity Rates::activityOf( const Facts& facts, Former& former, double seconds ) const {
+    Activity one;
+    one.facts = facts;
+    const Facts& old = former.facts;
+    if ( old.fenix != facts.fenix || old.reigns != facts.reigns ) {
+        former.restarts += facts.reigns > old.reigns ? facts.reigns - old.reigns : 1;
+        one.isFreshlyRestarted = true;
+    }
+    const std::optional< U64 > keys = changedKeys( facts, former );
+    if ( keys ) {
+        one.keysPerSecond = double( *keys ) / seconds;
+    }
+    if ( old.fenix == facts.fenix && facts.sequence >= old.sequence ) {
+        one.changesPerSecond = double( facts.sequence - old.sequence ) / seconds;
+    }
+    one.restarts = former.restarts;
+    one.remaps = former.remaps + ( former.followed ? former.followed->remaps() : 0 );
+    return one;
+}
+
+// Nothing in the first look at an incarnation, to which everything is new.
+std::optional< U64 > Rates::changedKeys( const Facts& facts, Former& former ) {
+    try {
+        if ( former.followed && former.facts.fenix == facts.fenix ) {
+            return former.followed->changedKeys();
+        }
+        if ( former.followed ) {
+            former.remaps += former.followed->remaps();
+            former.followed.reset();
+        }
+        if ( facts.readable ) {
+            former.followed = std::make_unique< Followed >( facts.place );
+            former.followed->changedKeys();
+        }
+    } catch ( const Krell::Exception& ) { // what is wrong with it, `facts` tells
+        former.followed.reset();
+    }
+    return std::nullopt;
 }
 
 } // namespace KrellTool

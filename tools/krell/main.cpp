@@ -55,6 +55,7 @@ CLI::App* add( CLI::App& app, const Command& command, Options& options ) {
         sub->add_option( "--interval", options.seconds, "seconds between two looks" )
             ->check( CLI::PositiveNumber );
         sub->add_flag( "--once", options.once, "one table of one interval" );
+        sub->add_flag( "--readers", options.readers, "also each reader, the slowest first" );
     }
     if ( command.run == KrellTool::watch ) {
         sub->add_option( "--changes", options.changes, "end after so many" );

@@ -197,9 +197,50 @@ def test_top_tells_rates_and_who_is_slowest(writer, reader):
         time.sleep(0.01)
     one = next(one for one in json.loads(top.stdout.read()) if one["path"] == READING)
     assert one["changesPerSecond"] > 0 and one["readers"] == 1
-    assert one["slowest"]["pid"] == reader.pid and one["slowest"]["lag"] > 0
+    assert 0 < one["keysPerSecond"] <= one["changesPerSecond"]
+    (lag,) = one["lags"]
+    assert lag["pid"] == reader.pid and lag["changes"] > 0
     text = krell("top", "--once", "--interval", "0.1")
-    assert f"plant-reader (pid {reader.pid})" in text
+    assert text.count(f"plant-reader (pid {reader.pid})") == 1
+    text = krell("top", "--once", "--interval", "0.1", "--readers")
+    assert text.count(f"plant-reader (pid {reader.pid})") == 2
+
+
+def during_top(action, interval="1"):
+    """What it tells of the readings when that was done after its first look, and within it."""
+    top = subprocess.Popen([os.path.join(BIN, "krell"), "top", "--json", "--interval", interval],
+                           text=True, stdout=subprocess.PIPE)
+    maps = f"/proc/{top.pid}/maps"
+    end = time.monotonic() + PATIENCE
+    while READING + "/conquer" not in open(maps, encoding="utf-8").read():
+        assert time.monotonic() < end
+        time.sleep(0.001)
+    action()
+    one = next(one for one in json.loads(top.stdout.read()) if one["path"] == READING)
+    assert top.wait(PATIENCE) == 0
+    return one
+
+
+def test_top_counts_a_key_that_changes_often_once(writer):
+    def change():
+        writer.say(*[f"7 {i}" for i in range(1000)], "")
+        assert "swept" in writer.line()
+
+    one = during_top(change, "2")
+    assert 800 < one["changesPerSecond"] / one["keysPerSecond"] <= 1001
+
+
+def test_top_counts_restarts_and_remaps(writer, start):
+    def restart():
+        writer.kill()
+        another = start("plant-writer")
+        another.say(*[f"{i} 1" for i in range(100, 3000)], "")
+        assert "swept" in another.line()
+
+    one = during_top(restart, "3")
+    assert one["restarts"] == 1
+    assert one["remaps"] > 0
+    assert one["entries"] > 2900
 
 
 def test_top_fills_the_screen_until_q(writer, reader):
