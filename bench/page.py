@@ -38,7 +38,13 @@ def machine():
         except OSError:
             continue
     return ", ".join([facts.get("model name", platform.machine()), f"{os.cpu_count()} cores",
-                      facts.get("MemTotal", "?"), f"Linux {platform.release()}"])
+                      gigabytes(facts.get("MemTotal", "")), f"Linux {platform.release()}"])
+
+
+def gigabytes(text):
+    """Of "24684084 kB"; what is not of that form as it is."""
+    number, _, unit = text.partition(" ")
+    return f"{int(number) / 1e6:.0f} GB" if number.isdigit() and unit == "kB" else text or "?"
 
 
 def table(rows, marked=None):
@@ -55,6 +61,20 @@ def table(rows, marked=None):
             cells.append(f"<{tag}{f' class={kind}' if kind else ''}>{html.escape(cell)}</{tag}>")
         lines.append("<tr>" + "".join(cells) + "</tr>")
     return '<div class="scroll"><table>' + "\n".join(lines) + "</table></div>"
+
+
+def across(rows):
+    """Rows of case, n, unit, median, ... as one row a case, with its medians under their sizes."""
+    sizes = sorted({int(row[1]) for row in rows[1:] if row[1] != "-"})
+    cells = {}
+    for case, n, unit, median, *_ in rows[1:]:
+        cells.setdefault((case, unit), {})[n] = median
+    found = [["case", "unit", *map(str, sizes), "-"]]
+    for (case, unit), medians in cells.items():
+        found.append([case, unit, *(medians.get(str(n), "") for n in sizes), medians.get("-", "")])
+    if not any(row[-1] for row in found[1:]):
+        found = [row[:-1] for row in found]
+    return found
 
 
 def growth(sizes, times):
@@ -158,7 +178,10 @@ def sections(found, targets):
         yield heading, table(rows)
     yield "Plots", plots_of(found)
     for heading, rows in whole:
-        if heading != "Targets":
+        if heading == "Without peers":
+            yield heading, (f"<p>Medians, by n.</p>{table(across(rows))}<details><summary>Worst "
+                            f"rounds and 32 bit</summary>{table(rows)}</details>")
+        elif heading != "Targets":
             yield heading, table(rows, figures.OURS)
 
 
@@ -168,7 +191,8 @@ def write(found, targets, path):
              f"<style>{STYLE}</style><h1>Benchmarks</h1>",
              f"<p>{html.escape(machine())}; {datetime.datetime.now():%Y-%m-%d %H:%M}. Times in the "
              "unit that stands beside them, medians of the rounds; less is better.</p>",
-             f"<p>Targets: {figures.summary(found, targets)}.</p>"]
+             f"<p>Targets: {figures.summary(found, targets)}.</p>"
+             if figures.judged(found, targets) else ""]
     if bad:
         parts.append(f"<p class=missed>{'<br>'.join(map(html.escape, bad))}</p>")
     parts += [f"<h2>{html.escape(heading)}</h2>\n{body}" for heading, body in

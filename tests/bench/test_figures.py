@@ -163,6 +163,21 @@ class Report(unittest.TestCase):
         self.assertAlmostEqual(page.growth([1, 10000], [1, 10000])[1], 1)
         self.assertEqual(page.growth([100, 1000], [0, 5]), (100, None))
 
+    def test_sizes_stand_side_by_side(self):
+        head = ["case", "n", "unit", "median", "worst"]
+        self.assertEqual(
+            page.across([head, ["build", "1000", "ms", "2", "9"], ["build", "30", "ms", "1", "9"],
+                         ["read", "-", "ns/op", "5", "9"], ["find", "30", "ns/op", "4", "9"]]),
+            [["case", "unit", "30", "1000", "-"], ["build", "ms", "1", "2", ""],
+             ["read", "ns/op", "", "", "5"], ["find", "ns/op", "4", "", ""]])
+        self.assertEqual(page.across([head, ["build", "30", "ms", "1", "9"]])[0],
+                         ["case", "unit", "30"])
+
+    def test_memory_is_told_in_gigabytes(self):
+        self.assertEqual(page.gigabytes("24684084 kB"), "25 GB")
+        self.assertEqual(page.gigabytes(""), "?")
+        self.assertEqual(page.gigabytes("many"), "many")
+
     def test_the_page_has_every_table_and_escapes_names(self):
         found = figures_of(*rows("<a&b>", "hit", 10), (0, "x", 1000, "hit", "BAD", 1))
         with tempfile.TemporaryDirectory() as directory:
