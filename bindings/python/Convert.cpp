@@ -63,11 +63,18 @@ private:
             spellAttributes( py::reinterpret_borrow< py::dict >( object ), type );
         } else if ( PyList_Check( object.ptr() ) || PyTuple_Check( object.ptr() ) ) {
             spellList( py::reinterpret_borrow< py::sequence >( object ) );
+        } else if ( isAddress( object ) ) {
+            out_ += Qel::valueToStrep( String( textFromPython( py::str( object ) ) ) ).stdString();
         } else {
             throw py::type_error( "no value of " +
                                   std::string( py::str( py::type::of( object ) ) ) +
                                   " can be shared" );
         }
+    }
+    static bool isAddress( const py::handle& object ) {
+        const auto addresses = py::module_::import( "ipaddress" );
+        return py::isinstance( object, addresses.attr( "IPv4Address" ) ) ||
+               py::isinstance( object, addresses.attr( "IPv6Address" ) );
     }
     void spellAttributes( const py::dict& attributes, const Ptr< QelType >& type ) {
         if ( type && !type->hasGenericIfSupport() ) {

@@ -86,6 +86,8 @@ class Types(unittest.TestCase):
                        "std::array< Qel::U16, 3 >"):
             self.good(key=number, value=number)
         self.good(value="double")
+        for address in ("Qel::Ipv4Address", "Qel::Ipv6Address", "Qel::MacAddress"):
+            self.good(key=address, value=address, before="#include <Qel/Addresses>\n")
         self.good(key="Colour", value="std::array< Colour, 2 >", before=COLOUR)
         self.good(key="Place", value="std::array< Place, 2 >", before=PLACE)
 

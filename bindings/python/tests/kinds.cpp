@@ -1,5 +1,6 @@
 // A type with an attribute of each kind that can be shared.
 
+#include <Qel/Addresses>
 #include <Qel/FixedString>
 #include <Qel/TypeLibrary>
 #include <QelKrell/Collection>
@@ -43,6 +44,9 @@ struct All {
     Place place;
     std::array< Qel::U32, 4 > numbers {};
     Qel::FixedString< 40 > text;
+    Qel::Ipv4Address ipv4;
+    Qel::Ipv6Address ipv6;
+    Qel::MacAddress mac;
 };
 constexpr auto describe( const All* ) {
     return Qel::valueType< All >(
@@ -51,7 +55,8 @@ constexpr auto describe( const All* ) {
         Qel::attribute( "u64", &All::u64 ), Qel::attribute( "s64", &All::s64 ),
         Qel::attribute( "real", &All::real ), Qel::attribute( "colour", &All::colour ),
         Qel::attribute( "place", &All::place ), Qel::attribute( "numbers", &All::numbers ),
-        Qel::attribute( "text", &All::text ) );
+        Qel::attribute( "text", &All::text ), Qel::attribute( "ipv4", &All::ipv4 ),
+        Qel::attribute( "ipv6", &All::ipv6 ), Qel::attribute( "mac", &All::mac ) );
 }
 
 class Things : public Qel::Entity {

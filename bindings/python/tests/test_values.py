@@ -1,6 +1,8 @@
 """Values and their text forms, in both directions."""
 
+import ipaddress
 import math
+import socket
 
 import pytest
 from hypothesis import given, settings
@@ -20,13 +22,19 @@ def text(limit):
                    max_size=limit).filter(lambda t: len(t.encode()) <= limit)
 
 
+def ipv6_text(number):
+    return socket.inet_ntop(socket.AF_INET6, number.to_bytes(16, "big"))
+
+
 KEYS = st.fixed_dictionaries({"name": text(12), "port": integers(16)})
 ALL = st.fixed_dictionaries({
     "key": KEYS, "flag": st.booleans(), "u8": integers(8), "s8": integers(8, True),
     "u64": integers(64), "s64": integers(64, True), "real": st.floats(),
     "colour": st.sampled_from(["red", "green", "blue"]),
     "place": st.fixed_dictionaries({"x": integers(32, True), "y": integers(32, True)}),
-    "numbers": st.lists(integers(32), min_size=4, max_size=4), "text": text(40)})
+    "numbers": st.lists(integers(32), min_size=4, max_size=4), "text": text(40),
+    "ipv4": st.ip_addresses(v=4).map(str), "ipv6": integers(128).map(ipv6_text),
+    "mac": st.binary(min_size=6, max_size=6).map(lambda b: b.hex(":"))})
 
 
 def plain(value):
@@ -96,6 +104,15 @@ def test_attributes_that_are_not_given_have_their_defaults():
 def test_bad_attributes_are_refused_by_name(attributes, error, says):
     with pytest.raises(error, match=says):
         Value("Kinds::Place", **attributes)
+
+
+def test_addresses_are_text_and_come_as_objects_too():
+    value = Value("Kinds::All", ipv4=ipaddress.ip_address("10.0.0.7"),
+                  ipv6=ipaddress.ip_address("fe80::1"), mac="00-1C-73-00-ca-fe")
+    assert (value.ipv4, value.ipv6, value.mac) == ("10.0.0.7", "fe80::1", "00:1c:73:00:ca:fe")
+    for name, text in (("ipv4", "10.0.0"), ("ipv6", "10.0.0.7"), ("mac", "00:1c")):
+        with pytest.raises(ValueError, match=f"'{text}' is no "):
+            Value("Kinds::All", **{name: text})
 
 
 def test_other_mistakes_are_told():
