@@ -14,7 +14,7 @@ using namespace KrellTest;
 
 namespace {
 
-using Contents = std::map< std::vector< U64 >, std::vector< U64 > >;
+using WholeContents = std::map< std::vector< U64 >, std::vector< U64 > >;
 
 const Krell::Layout layout = layoutOf( 1, 2 );
 
@@ -64,7 +64,7 @@ protected:
         filesInto( files, copy.path() + place );
         TestCollection reader( layout );
         reader.asReader();
-        const Contents seen = contentsOf< 1, 2 >( reader.table() );
+        const WholeContents seen = contentsOf< 1, 2 >( reader.table() );
         // Nothing half-made: all of the old ones, or none.
         const bool whole = seen.empty() || ( work.hasOld && seen.size() == 4 );
         torture.count( "halfMade", !whole );
@@ -75,7 +75,7 @@ protected:
 
         TestCollection writer( layout );
         writer.asWriter();
-        const Contents kept = contentsOf< 1, 2 >( writer.table() );
+        const WholeContents kept = contentsOf< 1, 2 >( writer.table() );
         ASSERT_TRUE( kept.empty() || ( kept == seen && !work.marked ) ) << kept.size() << " kept";
         put( writer, 7 );
         ASSERT_TRUE( writer.validate() );

@@ -18,14 +18,14 @@ constexpr unsigned manyRounds = 60;
 
 class CreateTest : public testing::Test {
 protected:
-    using Contents = std::map< std::vector< U64 >, std::vector< U64 > >;
+    using WholeContents = std::map< std::vector< U64 >, std::vector< U64 > >;
 
     static void poll( TestCollection& reader ) {
         for ( unsigned i = 0; i < manyRounds; ++i ) {
             reader.timeout();
         }
     }
-    static Contents contentsOf( TestCollection& collection ) {
+    static WholeContents contentsOf( TestCollection& collection ) {
         return KrellTest::contentsOf< 1, 2 >( collection.table() );
     }
     static void put( TestCollection& writer, U64 key ) {
@@ -58,7 +58,7 @@ protected:
         { 1, false }, { 2, false }, { 3, false }, { 4, false }
     };
     TestRoot root;
-    Contents oldContents;
+    WholeContents oldContents;
     U32 oldFenix = 0;
 };
 
@@ -81,7 +81,7 @@ TEST_F( CreateTest, WhatIsHalfMadeIsNotVisible ) {
         TestCollection reader( layout );
         reader.asReader();
         ( reader.mountStatus() ? seen : unseen ) = true;
-        ASSERT_EQ( contentsOf( reader ), Contents() );
+        ASSERT_EQ( contentsOf( reader ), WholeContents() );
         ASSERT_EQ( reader.validate(), reader.mountStatus() == 1 );
 
         TestCollection writer( layout );
@@ -130,12 +130,12 @@ TEST_F( CreateTest, ANewIncarnationReplacesTheOldOneAtOnce ) {
         poll( reader );
         const bool isOld = reader.fenixId() == oldFenix;
         ASSERT_EQ( reader.mountStatus(), 1 );
-        ASSERT_EQ( contentsOf( reader ), isOld ? oldContents : Contents() );
+        ASSERT_EQ( contentsOf( reader ), isOld ? oldContents : WholeContents() );
 
         TestCollection writer( layout );
         writer.asWriter();
         ASSERT_NE( writer.fenixId(), oldFenix );
-        ASSERT_EQ( contentsOf( writer ), Contents() );
+        ASSERT_EQ( contentsOf( writer ), WholeContents() );
         ASSERT_EQ( files(), wholeSet );
         poll( reader );
         ASSERT_EQ( reader.fenixId(), writer.fenixId() );
@@ -162,13 +162,13 @@ TEST_F( CreateTest, ACollectionIsTakenAwayAtOnce ) {
         SCOPED_TRACE( "killed at " + crash.place );
         poll( reader );
         ASSERT_EQ( reader.mountStatus(), 0 );
-        ASSERT_EQ( contentsOf( reader ), Contents() );
+        ASSERT_EQ( contentsOf( reader ), WholeContents() );
         ASSERT_EQ( reader.takeChanges(), allDeleted );
 
         TestCollection writer( layout );
         writer.asWriter();
         ASSERT_NE( writer.fenixId(), oldFenix );
-        ASSERT_EQ( contentsOf( writer ), Contents() );
+        ASSERT_EQ( contentsOf( writer ), WholeContents() );
         put( writer, 7 );
         poll( reader );
         ASSERT_EQ( contentsOf( reader ), contentsOf( writer ) );
