@@ -182,8 +182,10 @@ void DoorbellCaller::disarm() noexcept {
 
 void DoorbellCaller::consumedIs( U64 sequence ) noexcept {
     if ( state() == State::connected ) {
+        // The mark is for tools, which copy the page through /proc/PID/mem: nobody here loads it.
+        // It comes behind the word, so that a page with the mark has a word.
         DoorbellPage::Line& progress = page_->progress( line_ );
-        Dov::Atomics::storeRelease( &progress.word, sequence );
+        Dov::Atomics::storeRelease( &progress.word, sequence ); // SYNC( consumed )
         Dov::Atomics::storeRelease( &progress.mark, DoorbellPage::progressMark_ );
     }
 }

@@ -106,7 +106,8 @@ DoorbellConnection::Peer DoorbellConnection::peer( U64 kickedFor ) const noexcep
     Peer peer { credentials_.pid, credentials_.uid, 0, false };
     if ( admitted() ) {
         const U64 now = Dov::Atomics::loadAcquire( ticket() );
-        peer.consumed = Dov::Atomics::loadAcquire( &page_->consumed( offer_.line ) );
+        peer.consumed =
+            Dov::Atomics::loadAcquire( &page_->consumed( offer_.line ) ); // SYNC( consumed )
         peer.asleep = now != DoorbellPage::awake_ && now != kickedFor;
     }
     return peer;
